@@ -1,0 +1,64 @@
+// One attribute of an entry, and the body shared with the one-method query.
+#include <cstdlib>
+#include <cstring>
+
+#include "command.h"
+#include "queries.h"
+
+namespace {
+const char kModule[] = "QDgetattr";
+constexpr size_t kCommandSize = 4096;
+}  // namespace
+
+int OutputSingleName(void *context, char *line) {
+  auto *out = static_cast<SingleValue *>(context);
+  size_t len = strlen(line);
+  if (len > QD_VALUE_MAX) {
+    out->overflow = true;
+    return 0;
+  }
+  memcpy(out->value, line, len + 1);
+  return 0;
+}
+
+NameValue *UnitProp(const char *alias, const char *name) {
+  auto *record = static_cast<NameValue *>(QDmalloc(kModule, sizeof(NameValue)));
+  if (record == nullptr) {
+    QDerror(kModule, "QDmalloc returned NULL");
+    return nullptr;
+  }
+  if (strlen(name) > QD_NAME_MAX) {
+    QDerror(kModule, "Name too long:[%s]\n", name);
+    free(record);
+    return nullptr;
+  }
+  char command[kCommandSize];
+  qd::CommandLine line(sizeof command);
+  line.Raw("unitprop ").Word(alias).Raw(" ").Word(name);
+  if (!line.CopyTo(command)) {
+    QDerror(kModule, "Cannot run unitprop for '%s' '%s': %s\n", alias, name, line.error());
+    free(record);
+    return nullptr;
+  }
+  strcpy(record->name, name);
+  record->value[0] = '\0';
+  SingleValue out{record->value, false};
+  int rc = ExecuteCommand(command, OutputSingleName, &out);
+  if (rc == 0 && out.overflow) {
+    QDerror(kModule, "Value of '%s' longer than %d characters\n", name, QD_VALUE_MAX);
+    rc = -1;
+  }
+  if (rc != 0) {
+    free(record);
+    return nullptr;
+  }
+  return record;
+}
+
+extern "C" NameValue *QDLgetattr(const char *alias, const char *name) {
+  QDtrace(8, kModule, "QDLgetattr( alias='%s', name='%s' )", alias ? alias : "(null)",
+          name ? name : "(null)");
+  if (alias == nullptr || name == nullptr) return nullptr;
+  if (IsMethod(name, static_cast<int>(strlen(name)))) return nullptr;
+  return UnitProp(alias, name);
+}

@@ -1,0 +1,100 @@
+// The device table cursor: every (alias, name, value) of the table, entry
+// after entry, positional fields first. The whole file is read at each
+// rewind, so a rewind after a change sees the new table.
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "devtab_file.h"
+#include "devtab_format.h"
+#include "pv.h"
+#include "qd_paths.h"
+
+namespace {
+
+const char kModule[] = "ReferenceNextAttribute";
+
+struct Cursor {
+  devtab::Image image;
+  devtab::Scanner scanner{std::string_view()};
+  devtab::Entry entry;
+  std::string path;
+  size_t field = 0;  // next field of entry: 0-2 positional, then pairs
+  bool have_entry = false;
+  bool open = false;
+};
+Cursor cursor;
+
+// Moves to the next well-formed entry; malformed ones are reported and skipped.
+bool NextEntry() {
+  devtab::RawEntry raw;
+  while (cursor.scanner.Next(&raw)) {
+    devtab::Defect d = devtab::ParseEntry(raw.text, &cursor.entry);
+    if (d == devtab::Defect::kNone) {
+      cursor.field = 0;
+      return true;
+    }
+    VCELtrace(3, kModule, "%s:%zu: %s; entry skipped", cursor.path.c_str(), raw.line,
+              devtab::DefectText(d));
+  }
+  return false;
+}
+
+}  // namespace
+
+extern "C" {
+
+char *_pdevtabpath(void) {
+  const char *env = getenv("TAV_DEVTAB");
+  return strdup(env != nullptr && *env != '\0' ? env : QD_DEVTAB_PATH);
+}
+
+int ResetDeviceTabFile(void) {
+  char *path = _pdevtabpath();
+  if (path == nullptr) return -1;
+  cursor.path = path;
+  free(path);
+  cursor.have_entry = false;
+  cursor.open = false;
+  cursor.scanner = devtab::Scanner(std::string_view());
+  int err = cursor.image.Load(cursor.path.c_str());
+  if (err != 0) {
+    VCELtrace(8, "ResetDeviceTabFile", "cannot read %s: %s", cursor.path.c_str(), strerror(err));
+    return -1;
+  }
+  cursor.scanner = devtab::Scanner(cursor.image.view());
+  cursor.open = true;
+  return 0;
+}
+
+int ReferenceNextAttribute(char **alias, char **name, char **value) {
+  if (!cursor.open && ResetDeviceTabFile() != 0) return KWL_END;
+  for (;;) {
+    if (!cursor.have_entry) {
+      if (!NextEntry()) {
+        cursor.open = false;
+        return KWL_END;
+      }
+      cursor.have_entry = true;
+    }
+    devtab::Entry &e = cursor.entry;
+    size_t f = cursor.field++;
+    if (f < 3) {
+      *alias = &e.alias[0];
+      *name = const_cast<char *>(devtab::kPositionalNames[f]);
+      *value = &e.positional[f][0];
+      return KWL_OK;
+    }
+    if (f - 3 < e.npairs) {
+      devtab::Pair &p = e.pairs[f - 3];
+      *alias = &e.alias[0];
+      *name = &p.name[0];
+      *value = &p.value[0];
+      return KWL_OK;
+    }
+    cursor.have_entry = false;
+  }
+}
+
+}  // extern "C"

@@ -1,0 +1,252 @@
+#include "devtab_file.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+
+namespace devtab {
+
+// ---------------------------------------------------------------- Image
+
+Image::~Image() { Release(); }
+
+void Image::Release() {
+  if (data_ != nullptr) munmap(data_, capacity_);
+  data_ = nullptr;
+  size_ = capacity_ = 0;
+}
+
+int Image::Load(const char *path) {
+  int fd;
+  do fd = open(path, O_RDONLY | O_CLOEXEC);
+  while (fd < 0 && errno == EINTR);
+  if (fd < 0) return errno;
+  int rc = LoadFd(fd);
+  close(fd);
+  return rc;
+}
+
+int Image::LoadFd(int fd) {
+  struct stat st;
+  if (fstat(fd, &st) != 0) return errno;
+  if (lseek(fd, 0, SEEK_SET) < 0) return errno;
+  size_t want = static_cast<size_t>(st.st_size) + 1;
+  long page = sysconf(_SC_PAGESIZE);
+  want = (want + static_cast<size_t>(page) - 1) & ~(static_cast<size_t>(page) - 1);
+  if (want > capacity_) {
+    Release();
+    void *p = mmap(nullptr, want, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE,
+                   -1, 0);
+    if (p == MAP_FAILED) return ENOMEM;
+    data_ = static_cast<char *>(p);
+    capacity_ = want;
+  }
+  size_ = 0;
+  for (;;) {
+    if (size_ == capacity_) {
+      // The file grew after fstat: double the block.
+      size_t bigger = capacity_ * 2;
+      void *p = mremap(data_, capacity_, bigger, MREMAP_MAYMOVE);
+      if (p == MAP_FAILED) return ENOMEM;
+      data_ = static_cast<char *>(p);
+      capacity_ = bigger;
+    }
+    ssize_t n = read(fd, data_ + size_, capacity_ - size_);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return errno;
+    }
+    if (n == 0) break;
+    size_ += static_cast<size_t>(n);
+  }
+  return 0;
+}
+
+// ---------------------------------------------------------------- seam
+
+namespace sys {
+namespace {
+
+#ifdef QD_FAULT_INJECTION
+// QD_FAULT holds items separated by commas: "kill@POINT" kills the process
+// at that point; "enospc@N" makes the N-th write fail with ENOSPC; "eio@fsync"
+// makes every fsync fail.
+bool FaultNamed(const char *item) {
+  const char *spec = getenv("QD_FAULT");
+  if (spec == nullptr) return false;
+  size_t len = strlen(item);
+  for (const char *p = spec; *p;) {
+    const char *comma = strchr(p, ',');
+    size_t n = comma ? static_cast<size_t>(comma - p) : strlen(p);
+    if (n == len && strncmp(p, item, n) == 0) return true;
+    p += n + (comma ? 1 : 0);
+  }
+  return false;
+}
+int writes_done = 0;
+#endif
+
+}  // namespace
+
+ssize_t Write(int fd, const void *buf, size_t len) {
+#ifdef QD_FAULT_INJECTION
+  ++writes_done;
+  char item[32];
+  snprintf(item, sizeof item, "enospc@%d", writes_done);
+  if (FaultNamed(item)) {
+    errno = ENOSPC;
+    return -1;
+  }
+#endif
+  return write(fd, buf, len);
+}
+
+int Fsync(int fd) {
+#ifdef QD_FAULT_INJECTION
+  if (FaultNamed("eio@fsync")) {
+    errno = EIO;
+    return -1;
+  }
+#endif
+  return fsync(fd);
+}
+
+int Rename(const char *from, const char *to) { return rename(from, to); }
+
+void Point(const char *name) {
+#ifdef QD_FAULT_INJECTION
+  char item[64];
+  snprintf(item, sizeof item, "kill@%s", name);
+  if (FaultNamed(item)) kill(getpid(), SIGKILL);
+#else
+  (void)name;
+#endif
+}
+
+}  // namespace sys
+
+// ---------------------------------------------------------------- LockedTable
+
+namespace {
+
+std::string DirName(const std::string &path) {
+  size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  if (slash == 0) return "/";
+  return path.substr(0, slash);
+}
+
+std::string BaseName(const std::string &path) {
+  size_t slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// Temporary files are named after the table and the writer's pid, so one
+// left by a writer that died can be recognised and removed.
+std::string TempPrefix(const std::string &path) { return "." + BaseName(path) + ".new."; }
+
+void RemoveStaleTemps(const std::string &path) {
+  std::string dir = DirName(path);
+  std::string prefix = TempPrefix(path);
+  DIR *d = opendir(dir.c_str());
+  if (d == nullptr) return;
+  while (struct dirent *e = readdir(d)) {
+    if (strncmp(e->d_name, prefix.c_str(), prefix.size()) != 0) continue;
+    char *end = nullptr;
+    long pid = strtol(e->d_name + prefix.size(), &end, 10);
+    if (end == e->d_name + prefix.size() || *end != '\0' || pid <= 0) continue;
+    if (kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH) continue;
+    unlinkat(dirfd(d), e->d_name, 0);
+  }
+  closedir(d);
+}
+
+int WriteAll(int fd, std::string_view data) {
+  while (!data.empty()) {
+    ssize_t n = sys::Write(fd, data.data(), data.size());
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return errno;
+    }
+    data.remove_prefix(static_cast<size_t>(n));
+  }
+  return 0;
+}
+
+}  // namespace
+
+LockedTable::~LockedTable() {
+  if (fd_ >= 0) close(fd_);
+}
+
+int LockedTable::Open(const std::string &path, bool create) {
+  char resolved[PATH_MAX];
+  path_ = realpath(path.c_str(), resolved) != nullptr ? std::string(resolved) : path;
+  for (;;) {
+    int flags = O_RDWR | O_CLOEXEC | (create ? O_CREAT : 0);
+    int fd;
+    do fd = open(path_.c_str(), flags, 0644);
+    while (fd < 0 && errno == EINTR);
+    if (fd < 0) return errno;
+    struct flock fl {};
+    fl.l_type = F_WRLCK;
+    fl.l_whence = SEEK_SET;
+    int rc;
+    do rc = fcntl(fd, F_SETLKW, &fl);
+    while (rc < 0 && errno == EINTR);
+    if (rc < 0) {
+      int err = errno;
+      close(fd);
+      return err;
+    }
+    struct stat by_fd, by_path;
+    if (fstat(fd, &by_fd) == 0 && stat(path_.c_str(), &by_path) == 0 &&
+        by_fd.st_ino == by_path.st_ino && by_fd.st_dev == by_path.st_dev) {
+      fd_ = fd;
+      st_ = by_fd;
+      RemoveStaleTemps(path_);
+      return 0;
+    }
+    // Replaced (or removed) while we waited: lock whatever the path names now.
+    close(fd);
+  }
+}
+
+int LockedTable::Replace(std::string_view content) {
+  std::string dir = DirName(path_);
+  std::string temp = dir + "/" + TempPrefix(path_) + std::to_string(getpid());
+  int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd < 0) return errno;
+  int err = WriteAll(fd, content);
+  sys::Point("temp-written");
+  // Keep the table's owner and mode; failing to keep the owner is no reason
+  // to stop (an unprivileged writer can only make files of its own).
+  if (err == 0 && fchmod(fd, st_.st_mode & 07777) != 0) err = errno;
+  if (err == 0 && fchown(fd, st_.st_uid, st_.st_gid) != 0 && errno != EPERM) err = errno;
+  if (err == 0 && sys::Fsync(fd) != 0) err = errno;
+  if (close(fd) != 0 && err == 0) err = errno;
+  if (err == 0) {
+    sys::Point("before-rename");
+    if (sys::Rename(temp.c_str(), path_.c_str()) != 0) err = errno;
+  }
+  if (err != 0) {
+    unlink(temp.c_str());
+    return err;
+  }
+  sys::Point("after-rename");
+  int dfd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dfd >= 0) {
+    sys::Fsync(dfd);
+    close(dfd);
+  }
+  return 0;
+}
+
+}  // namespace devtab

@@ -1,0 +1,78 @@
+// Reading the device table file whole, and replacing it safely.
+//
+// fcntl traps kept in mind here: closing any descriptor of a file drops every
+// lock this process holds on it, and a lock never excludes its own process.
+// The table is replaced by rename, so a lock taken on a descriptor opened
+// before the rename belongs to a file that the path no longer names: after
+// locking, the inode of the path is compared with the descriptor's.
+#ifndef PV_DEVTAB_FILE_H
+#define PV_DEVTAB_FILE_H
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace devtab {
+
+// The whole file in one block (prefaulted, so a big table costs one
+// allocation and no page faults while it is scanned).
+class Image {
+ public:
+  Image() = default;
+  ~Image();
+  Image(const Image &) = delete;
+  Image &operator=(const Image &) = delete;
+
+  // 0, or the errno of the failure.
+  int Load(const char *path);
+  int LoadFd(int fd);
+  std::string_view view() const { return {data_, size_}; }
+
+ private:
+  void Release();
+  char *data_ = nullptr;
+  size_t size_ = 0;
+  size_t capacity_ = 0;
+};
+
+// System calls of the rewrite, through a seam the test build can make fail.
+namespace sys {
+ssize_t Write(int fd, const void *buf, size_t len);
+int Fsync(int fd);
+int Rename(const char *from, const char *to);
+// In test builds, QD_FAULT=kill@NAME ends the process with SIGKILL here.
+void Point(const char *name);
+}  // namespace sys
+
+// The table file opened read-write under an fcntl write lock that is known to
+// be on the file the path names.
+class LockedTable {
+ public:
+  LockedTable() = default;
+  ~LockedTable();
+  LockedTable(const LockedTable &) = delete;
+  LockedTable &operator=(const LockedTable &) = delete;
+
+  // 0 when locked; ENOENT when the table does not exist and !create; other errno.
+  int Open(const std::string &path, bool create);
+  int fd() const { return fd_; }
+  const struct stat &status() const { return st_; }
+  const std::string &path() const { return path_; }
+
+  // Writes `content` beside the table, syncs it and renames it over the
+  // table, so the path names either the old or the new file, never a torn one.
+  // 0, or the errno of the failure (the table is then unchanged).
+  int Replace(std::string_view content);
+
+ private:
+  int fd_ = -1;
+  struct stat st_ {};
+  std::string path_;  // symbolic links resolved: the file itself is replaced
+};
+
+}  // namespace devtab
+
+#endif
