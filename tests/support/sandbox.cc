@@ -1,0 +1,109 @@
+#include "sandbox.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+extern char **environ;
+
+namespace testing_support {
+
+std::string SampleTablePath() { return std::string(QD_TEST_SOURCE_DIR) + "/examples/units.tab"; }
+
+std::string Command(const std::string &name) { return std::string(QD_TEST_COMMANDS_DIR) + "/" + name; }
+
+std::string ReadFile(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+void WriteFile(const std::string &path, const std::string &content) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << content;
+  if (!out) throw std::runtime_error("cannot write " + path);
+}
+
+Sandbox::Sandbox() {
+  char templ[] = "/tmp/qdtest.XXXXXX";
+  if (mkdtemp(templ) == nullptr) throw std::runtime_error("mkdtemp failed");
+  dir_ = templ;
+  table_ = dir_ + "/units.tab";
+  WriteFile(table_, ReadFile(SampleTablePath()));
+  setenv("TAV_DEVTAB", table_.c_str(), 1);
+  const char *path = getenv("PATH");
+  std::string newpath = std::string(QD_TEST_COMMANDS_DIR) + ":" + (path ? path : "/usr/bin:/bin");
+  setenv("PATH", newpath.c_str(), 1);
+}
+
+Sandbox::~Sandbox() {
+  std::string cmd = "rm -rf '" + dir_ + "'";
+  if (system(cmd.c_str()) != 0) {
+    // Leaving a temporary directory behind is not worth failing a test for.
+  }
+}
+
+void Sandbox::WriteTable(const std::string &content) const { WriteFile(table_, content); }
+
+std::string Sandbox::ReadTable() const { return ReadFile(table_); }
+
+namespace {
+
+std::string Drain(int fd) {
+  std::string s;
+  char buf[65536];
+  ssize_t n;
+  while ((n = read(fd, buf, sizeof buf)) > 0) s.append(buf, static_cast<size_t>(n));
+  return s;
+}
+
+}  // namespace
+
+RunResult RunProgram(const std::vector<std::string> &argv, const std::string &input) {
+  char in_tmpl[] = "/tmp/qdin.XXXXXX", out_tmpl[] = "/tmp/qdout.XXXXXX", err_tmpl[] = "/tmp/qderr.XXXXXX";
+  int in = mkstemp(in_tmpl), out = mkstemp(out_tmpl), err = mkstemp(err_tmpl);
+  if (in < 0 || out < 0 || err < 0) throw std::runtime_error("mkstemp failed");
+  if (!input.empty() && write(in, input.data(), input.size()) != static_cast<ssize_t>(input.size()))
+    throw std::runtime_error("short write");
+  lseek(in, 0, SEEK_SET);
+  posix_spawn_file_actions_t fa;
+  posix_spawn_file_actions_init(&fa);
+  posix_spawn_file_actions_adddup2(&fa, in, 0);
+  posix_spawn_file_actions_adddup2(&fa, out, 1);
+  posix_spawn_file_actions_adddup2(&fa, err, 2);
+  std::vector<char *> args;
+  for (const std::string &a : argv) args.push_back(const_cast<char *>(a.c_str()));
+  args.push_back(nullptr);
+  pid_t pid;
+  RunResult r;
+  if (posix_spawnp(&pid, args[0], &fa, nullptr, args.data(), environ) == 0) {
+    int st = 0;
+    while (waitpid(pid, &st, 0) < 0 && errno == EINTR) {
+    }
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+  }
+  posix_spawn_file_actions_destroy(&fa);
+  lseek(out, 0, SEEK_SET);
+  lseek(err, 0, SEEK_SET);
+  r.out = Drain(out);
+  r.err = Drain(err);
+  close(in);
+  close(out);
+  close(err);
+  unlink(in_tmpl);
+  unlink(out_tmpl);
+  unlink(err_tmpl);
+  return r;
+}
+
+}  // namespace testing_support
