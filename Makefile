@@ -1,0 +1,11 @@
+# The two commands of the README. CMake does the real work.
+.PHONY: demo check bench clean
+demo:
+	sh scripts/demo.sh
+check:
+	sh scripts/check.sh
+bench:
+	cmake -S . -B build/bench -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF >/dev/null
+	cmake --build build/bench -j2 --target bench
+clean:
+	rm -rf build
