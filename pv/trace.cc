@@ -66,7 +66,8 @@ const char *ProgramName() {
   return slash ? slash + 1 : name;
 }
 
-void Report(const char *tag, int level, const char *module, const char *format, va_list args) {
+__attribute__((format(printf, 4, 0))) void Report(const char *tag, int level, const char *module,
+                                                  const char *format, va_list args) {
   int saved = errno;
   char prefix[160];
   if (level >= 0)
@@ -76,10 +77,11 @@ void Report(const char *tag, int level, const char *module, const char *format, 
     snprintf(prefix, sizeof prefix, "%s[%d] %s* %s: ", ProgramName(), static_cast<int>(getpid()),
              tag, module ? module : "?");
   std::string line(prefix);
+  if (format == nullptr) format = "(no format)";
   char body[2048];
   va_list again;
   va_copy(again, args);
-  int n = vsnprintf(body, sizeof body, format ? format : "", args);
+  int n = vsnprintf(body, sizeof body, format, args);
   if (n >= static_cast<int>(sizeof body)) {
     std::string big(static_cast<size_t>(n) + 1, '\0');
     vsnprintf(&big[0], big.size(), format, again);
