@@ -56,8 +56,6 @@ NameValue *UnitProp(const char *alias, const char *name) {
 }
 
 extern "C" NameValue *QDLgetattr(const char *alias, const char *name) {
-  QDtrace(8, kModule, "QDLgetattr( alias='%s', name='%s' )", alias ? alias : "(null)",
-          name ? name : "(null)");
   if (alias == nullptr || name == nullptr) return nullptr;
   if (IsMethod(name, static_cast<int>(strlen(name)))) return nullptr;
   return UnitProp(alias, name);

@@ -93,7 +93,6 @@ KeywordList *DevAllAttr(const char *alias, int methods) {
 }
 
 extern "C" KeywordList *QDLgetattrs(const char *alias) {
-  QDtrace(8, kModule, "QDLgetattrs( alias='%s' )", alias ? alias : "(null)");
   if (alias == nullptr) return nullptr;
   return DevAllAttr(alias, 0);
 }

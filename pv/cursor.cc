@@ -9,6 +9,7 @@
 #include "devtab_file.h"
 #include "devtab_format.h"
 #include "pv.h"
+#include "pv_internal.h"
 #include "qd_paths.h"
 
 namespace {
@@ -35,7 +36,7 @@ bool NextEntry() {
       cursor.field = 0;
       return true;
     }
-    VCELtrace(3, kModule, "%s:%zu: %s; entry skipped", cursor.path.c_str(), raw.line,
+    pv::Trace(3, kModule, "%s:%zu: %s; entry skipped", cursor.path.c_str(), raw.line,
               devtab::DefectText(d));
   }
   return false;
@@ -60,7 +61,7 @@ int ResetDeviceTabFile(void) {
   cursor.scanner = devtab::Scanner(std::string_view());
   int err = cursor.image.Load(cursor.path.c_str());
   if (err != 0) {
-    VCELtrace(8, "ResetDeviceTabFile", "cannot read %s: %s", cursor.path.c_str(), strerror(err));
+    pv::Trace(8, "ResetDeviceTabFile", "cannot read %s: %s", cursor.path.c_str(), strerror(err));
     return -1;
   }
   cursor.scanner = devtab::Scanner(cursor.image.view());

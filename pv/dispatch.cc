@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 
 #include "pv.h"
+#include "pv_internal.h"
 
 namespace {
 
@@ -13,7 +14,7 @@ template <typename Fn>
 Fn Local(const char *name, Fn *cache) {
   if (*cache == nullptr) {
     *cache = reinterpret_cast<Fn>(dlsym(RTLD_DEFAULT, name));
-    if (*cache == nullptr) VCELtrace(2, kModule, "no local service %s", name);
+    if (*cache == nullptr) pv::Trace(2, kModule, "no local service %s", name);
   }
   return *cache;
 }

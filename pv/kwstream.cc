@@ -9,6 +9,7 @@
 #include <string>
 
 #include "pv.h"
+#include "pv_internal.h"
 
 namespace {
 
@@ -123,7 +124,7 @@ KeywordList *KeywordStreamToList(FILE *in) {
     value.clear();
     bool skip = false;
     if (const char *why = ParseLine(line, &kw, &value, &skip)) {
-      VCELtrace(3, kModule, "line %d: %s; line skipped", lineno, why);
+      pv::Trace(3, kModule, "line %d: %s; line skipped", lineno, why);
       continue;
     }
     if (skip) continue;

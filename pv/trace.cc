@@ -101,6 +101,14 @@ __attribute__((format(printf, 4, 0))) void Report(const char *tag, int level, co
 
 namespace pv {
 
+void Trace(int level, const char *module, const char *format, ...) {
+  if (level != vcel_explicit_level && level > vcel_verbose_level) return;
+  va_list args;
+  va_start(args, format);
+  Report("L", level, module, format, args);
+  va_end(args);
+}
+
 void EmitTraceLine(const std::string &line) {
   int fd = DestinationFd();
   const char *p = line.data();
@@ -115,6 +123,7 @@ void EmitTraceLine(const std::string &line) {
 }
 
 int WriteListToTrace(int level, const char *module, KeywordList *list) {
+  if (level >= 0 && level != vcel_explicit_level && level > vcel_verbose_level) return KWL_OK;
   if (ValidKeywordList(list) != KWL_OK) {
     VCELtrace(level, module, "list is not valid");
     return KWL_INVALID;
