@@ -1,5 +1,7 @@
 #include "common.h"
 
+#include <fcntl.h>
+
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -18,11 +20,12 @@ std::string TablePath(const char *option) {
   return env != nullptr && *env != '\0' ? env : QD_DEVTAB_PATH;
 }
 
-bool LoadTable(const std::string &path, devtab::Image *image) {
-  int err = image->Load(path.c_str());
-  if (err == 0) return true;
-  Fail("cannot read %s: %s", path.c_str(), strerror(err));
-  return false;
+int OpenTable(const std::string &path) {
+  int fd;
+  do fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  while (fd < 0 && errno == EINTR);
+  if (fd < 0) Fail("cannot read %s: %s", path.c_str(), strerror(errno));
+  return fd;
 }
 
 void ReportDefect(const std::string &path, const devtab::RawEntry &raw, devtab::Defect defect) {

@@ -24,8 +24,8 @@ extern const char *program;  // for messages
 // -t TABLE, else TAV_DEVTAB, else the default table.
 std::string TablePath(const char *option);
 
-// Loads the table; on failure prints why and returns false.
-bool LoadTable(const std::string &path, devtab::Image *image);
+// Opens the table for reading; on failure prints why and returns -1.
+int OpenTable(const std::string &path);
 
 // Reports a malformed entry on standard error.
 void ReportDefect(const std::string &path, const devtab::RawEntry &raw, devtab::Defect defect);

@@ -91,16 +91,18 @@ int main(int argc, char **argv) {
     criteria.push_back(std::move(c));
   }
   std::string path = TablePath(table);
-  devtab::Image image;
-  if (!LoadTable(path, &image)) return kNoTable;
+  int fd = OpenTable(path);
+  if (fd < 0) return kNoTable;
 
   static char outbuf[1 << 16];
   setvbuf(stdout, outbuf, _IOFBF, sizeof outbuf);
-  devtab::Scanner scanner(image.view());
+  devtab::EntryStream stream(fd);
   devtab::RawEntry raw;
   devtab::Entry entry;
-  while (scanner.Next(&raw)) {
-    devtab::Defect d = devtab::ParseEntry(raw.text, &entry);
+  while (stream.Next(&raw)) {
+    // Without criteria only the alias is kept, but the entry is still checked.
+    devtab::Defect d = criteria.empty() ? devtab::ParseAlias(raw.text, &entry.alias)
+                                        : devtab::ParseEntry(raw.text, &entry);
     if (d != devtab::Defect::kNone) {
       ReportDefect(path, raw, d);
       continue;
@@ -108,6 +110,11 @@ int main(int argc, char **argv) {
     if (!criteria.empty() && !Meets(criteria, all, entry)) continue;
     fwrite(entry.alias.data(), 1, entry.alias.size(), stdout);
     fputc('\n', stdout);
+  }
+  close(fd);
+  if (stream.error() != 0) {
+    Fail("cannot read %s: %s", path.c_str(), strerror(stream.error()));
+    return kNoTable;
   }
   if (fflush(stdout) != 0) return kWriteFailed;
   return kOk;

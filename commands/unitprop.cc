@@ -45,6 +45,22 @@ const std::string *Lookup(const devtab::Entry &e, const char *name) {
   return i < e.npairs ? &e.pairs[i].value : nullptr;
 }
 
+// The first well-formed entry of the table whose alias is `alias`.
+// A read error mid-way counts as a table that cannot be read (*error set).
+bool Find(int fd, const char *alias, devtab::Entry *entry, int *error) {
+  std::string spelt;
+  devtab::AppendEscapedAlias(&spelt, alias);
+  devtab::EntryStream stream(fd);
+  devtab::RawEntry raw;
+  while (stream.Next(&raw)) {
+    if (devtab::AliasIs(raw.text, alias, spelt) &&
+        devtab::ParseEntry(raw.text, entry) == devtab::Defect::kNone)
+      return true;
+  }
+  *error = stream.error();
+  return false;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -66,15 +82,20 @@ int main(int argc, char **argv) {
   }
   const char *alias = argv[optind];
   std::string path = TablePath(table);
-  devtab::Image image;
-  if (!LoadTable(path, &image)) return kNoTable;
-
-  devtab::RawEntry raw;
+  int fd = OpenTable(path);
+  if (fd < 0) return kNoTable;
   devtab::Entry entry;
-  if (!devtab::FindEntry(image.view(), alias, &raw, &entry)) {
+  int error = 0;
+  if (!Find(fd, alias, &entry, &error)) {
+    close(fd);
+    if (error != 0) {
+      Fail("cannot read %s: %s", path.c_str(), strerror(error));
+      return kNoTable;
+    }
     Fail("no entry for alias %s", alias);
     return kNoEntry;
   }
+  close(fd);
   if (all) {
     PrintAll(entry);
   } else {

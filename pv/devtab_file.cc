@@ -69,6 +69,60 @@ int Image::LoadFd(int fd) {
   return 0;
 }
 
+// ---------------------------------------------------------------- EntryStream
+
+namespace {
+constexpr size_t kChunk = 1 << 20;
+}
+
+EntryStream::EntryStream(int fd) : fd_(fd), buf_(kChunk, '\0') {}
+
+bool EntryStream::Fill() {
+  if (eof_) return false;
+  if (begin_ > 0) {
+    // Keep the unfinished entry at the front.
+    buf_.replace(0, end_ - begin_, buf_, begin_, end_ - begin_);
+    base_ += begin_;
+    end_ -= begin_;
+    begin_ = 0;
+  }
+  if (end_ == buf_.size()) buf_.resize(buf_.size() * 2);  // one entry bigger than the buffer
+  for (;;) {
+    ssize_t n = read(fd_, &buf_[end_], buf_.size() - end_);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) error_ = errno;
+    if (n <= 0) {
+      eof_ = true;
+      return false;
+    }
+    end_ += static_cast<size_t>(n);
+    return true;
+  }
+}
+
+bool EntryStream::Next(RawEntry *out) {
+  for (;;) {
+    std::string_view pending(buf_.data() + begin_, end_ - begin_);
+    size_t newlines = 0;
+    size_t end = EntryEnd(pending, 0, &newlines);
+    if (end == pending.size() && !eof_) {
+      if (Fill()) continue;
+      pending = std::string_view(buf_.data() + begin_, end_ - begin_);
+      end = EntryEnd(pending, 0, &newlines);
+    }
+    if (pending.empty()) return false;
+    RawEntry raw;
+    raw.text = pending.substr(0, end);
+    raw.line = line_;
+    raw.offset = base_ + begin_;
+    line_ += newlines;
+    begin_ += end < pending.size() ? end + 1 : end;
+    if (IsCommentOrBlank(raw.text)) continue;
+    *out = raw;
+    return true;
+  }
+}
+
 // ---------------------------------------------------------------- seam
 
 namespace sys {

@@ -15,6 +15,8 @@
 #include <string>
 #include <string_view>
 
+#include "devtab_format.h"
+
 namespace devtab {
 
 // The whole file in one block (prefaulted, so a big table costs one
@@ -36,6 +38,28 @@ class Image {
   char *data_ = nullptr;
   size_t size_ = 0;
   size_t capacity_ = 0;
+};
+
+// The entries of a table file, read through one reused buffer: a table of
+// any size is scanned without being held whole.
+class EntryStream {
+ public:
+  explicit EntryStream(int fd);
+  // The next entry (blank and comment lines skipped); its text stays valid
+  // until the next call. False at the end, or on a read error (see error()).
+  bool Next(RawEntry *out);
+  int error() const { return error_; }
+
+ private:
+  bool Fill();  // reads more; false when nothing more came
+  int fd_;
+  std::string buf_;
+  size_t begin_ = 0;  // first byte not yet delivered
+  size_t end_ = 0;    // bytes of buf_ in use
+  size_t base_ = 0;   // file offset of buf_[0]
+  size_t line_ = 1;
+  bool eof_ = false;
+  int error_ = 0;
 };
 
 // System calls of the rewrite, through a seam the test build can make fail.

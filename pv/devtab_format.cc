@@ -98,72 +98,118 @@ bool Scanner::Next(RawEntry *out) {
 
 namespace {
 
-// Reads text from `pos` up to an unescaped stop character, undoing escapes.
-// Returns the index of the stop character, or text.size().
-size_t ReadField(std::string_view text, size_t pos, const char *stops, std::string *out) {
-  while (pos < text.size()) {
-    char c = text[pos];
-    if (c == '\\' && pos + 1 < text.size()) {
-      out->push_back(text[pos + 1]);
-      pos += 2;
-      continue;
-    }
-    if (std::strchr(stops, c) != nullptr && c != '\0') return pos;
-    out->push_back(c);
-    ++pos;
+// Which bytes end a run of ordinary characters in each part of an entry.
+struct StopTable {
+  bool stop[256] = {};
+  explicit StopTable(const char *chars) {
+    for (const char *c = chars; *c; ++c) stop[static_cast<unsigned char>(*c)] = true;
+    stop[static_cast<unsigned char>('\\')] = true;
   }
-  return pos;
+};
+const StopTable kHeadStops(":");
+const StopTable kKeywordStops("= \t");
+const StopTable kQuotedStops("\"");
+const StopTable kBareStops(" \t");
+
+// Counts a field's length without keeping it: validation needs no copies.
+struct Counter {
+  size_t n = 0;
+  void clear() { n = 0; }
+  void append(const char *, size_t k) { n += k; }
+  void push_back(char) { ++n; }
+  size_t size() const { return n; }
+  bool empty() const { return n == 0; }
+};
+
+// Reads from `pos` up to an unescaped stop byte, undoing escapes, a run of
+// ordinary bytes at a time. Returns the stop's index, or text.size().
+template <typename Field>
+size_t ReadField(std::string_view text, size_t pos, const StopTable &stops, Field *out) {
+  const char *p = text.data();
+  const size_t n = text.size();
+  while (pos < n) {
+    size_t start = pos;
+    while (pos < n && !stops.stop[static_cast<unsigned char>(p[pos])]) ++pos;
+    if (pos > start) out->append(p + start, pos - start);
+    if (pos >= n) break;
+    if (p[pos] != '\\') return pos;
+    // A backslash yields the byte after it; a lone one at the end stays.
+    out->push_back(pos + 1 < n ? p[pos + 1] : '\\');
+    pos += 2;
+  }
+  return n;
 }
 
-Defect ReadHead(std::string_view text, std::string *alias, std::string *positional, size_t *next) {
+// The one grammar of an entry. `pair(name, value)` supplies the fields of
+// the next pair.
+template <typename AliasField, typename Field, typename NextPair>
+Defect Parse(std::string_view text, AliasField *alias, Field *positional, NextPair next_pair) {
   alias->clear();
-  size_t pos = ReadField(text, 0, ":", alias);
+  size_t pos = ReadField(text, 0, kHeadStops, alias);
   if (pos >= text.size()) return Defect::kFewColons;
   if (alias->size() > kMaxNameLength) return Defect::kFieldTooLong;
   for (int i = 0; i < 3; ++i) {
-    std::string scratch;
-    std::string *field = positional ? &positional[i] : &scratch;
-    field->clear();
-    pos = ReadField(text, pos + 1, ":", field);
+    positional[i].clear();
+    pos = ReadField(text, pos + 1, kHeadStops, &positional[i]);
     if (pos >= text.size()) return Defect::kFewColons;
-    if (field->size() > kMaxNameLength) return Defect::kFieldTooLong;
+    if (positional[i].size() > kMaxNameLength) return Defect::kFieldTooLong;
   }
   if (alias->empty()) return Defect::kEmptyAlias;
-  *next = pos + 1;
-  return Defect::kNone;
+  ++pos;
+  for (;;) {
+    while (pos < text.size() && (IsBlank(text[pos]) || text[pos] == '\r')) ++pos;
+    if (pos >= text.size()) return Defect::kNone;
+    Field *name;
+    Field *value;
+    next_pair(&name, &value);
+    pos = ReadField(text, pos, kKeywordStops, name);
+    if (pos >= text.size() || text[pos] != '=') return Defect::kNoEquals;
+    if (name->empty()) return Defect::kEmptyKeyword;
+    if (name->size() > kMaxNameLength) return Defect::kFieldTooLong;
+    ++pos;
+    if (pos < text.size() && text[pos] == '"') {
+      pos = ReadField(text, pos + 1, kQuotedStops, value);
+      if (pos >= text.size()) return Defect::kUnterminatedQuote;
+      ++pos;
+    } else {
+      pos = ReadField(text, pos, kBareStops, value);
+    }
+    if (value->size() > kMaxValueLength) return Defect::kFieldTooLong;
+  }
 }
 
 }  // namespace
 
-Defect ParseAlias(std::string_view text, std::string *alias) {
-  // Only the alias is kept; the positional fields are checked, not stored.
-  size_t pos = 0;
-  return ReadHead(text, alias, nullptr, &pos);
-}
-
 Defect ParseEntry(std::string_view text, Entry *out) {
   out->npairs = 0;
-  size_t pos = 0;
-  Defect d = ReadHead(text, &out->alias, out->positional, &pos);
-  if (d != Defect::kNone) return d;
-  for (;;) {
-    while (pos < text.size() && (IsBlank(text[pos]) || text[pos] == '\r')) ++pos;
-    if (pos >= text.size()) return Defect::kNone;
-    Pair &pair = out->AddPair();
-    pos = ReadField(text, pos, "= \t", &pair.name);
-    if (pos >= text.size() || text[pos] != '=') return Defect::kNoEquals;
-    if (pair.name.empty()) return Defect::kEmptyKeyword;
-    if (pair.name.size() > kMaxNameLength) return Defect::kFieldTooLong;
-    ++pos;
-    if (pos < text.size() && text[pos] == '"') {
-      pos = ReadField(text, pos + 1, "\"", &pair.value);
-      if (pos >= text.size()) return Defect::kUnterminatedQuote;
-      ++pos;
-    } else {
-      pos = ReadField(text, pos, " \t", &pair.value);
-    }
-    if (pair.value.size() > kMaxValueLength) return Defect::kFieldTooLong;
-  }
+  return Parse(text, &out->alias, out->positional, [out](std::string **name, std::string **value) {
+    Pair &p = out->AddPair();
+    *name = &p.name;
+    *value = &p.value;
+  });
+}
+
+Defect ParseAlias(std::string_view text, std::string *alias) {
+  Counter positional[3];
+  Counter name, value;
+  return Parse(text, alias, positional, [&](Counter **n, Counter **v) {
+    name.clear();
+    value.clear();
+    *n = &name;
+    *v = &value;
+  });
+}
+
+bool AliasIs(std::string_view text, std::string_view alias, std::string_view spelt) {
+  // The usual case: the alias as our writer spells it, with its colon.
+  if (text.size() >= spelt.size() && text.compare(0, spelt.size(), spelt) == 0) return true;
+  // Otherwise only a head with a backslash before its first colon can still
+  // spell this alias.
+  size_t colon = text.find(':');
+  if (text.substr(0, colon).find('\\') == std::string_view::npos) return false;
+  std::string name;
+  ReadField(text, 0, kHeadStops, &name);
+  return name == alias;
 }
 
 bool IsMethodName(std::string_view name) {
@@ -245,40 +291,13 @@ const char *CheckValue(std::string_view value) {
 }
 
 bool FindEntry(std::string_view image, std::string_view alias, RawEntry *found, Entry *entry) {
-  // Fast path: the alias as our writer spells it, at the start of a line.
-  std::string needle = "\n";
-  AppendEscapedAlias(&needle, alias);
-  std::string_view head(needle);
-  size_t pos = 0;
-  bool at_start = image.substr(0, head.size() - 1) == head.substr(1);
-  for (;;) {
-    size_t start;
-    if (at_start) {
-      start = 0;
-      at_start = false;
-    } else {
-      const void *hit = memmem(image.data() + pos, image.size() - pos, head.data(), head.size());
-      if (hit == nullptr) break;
-      start = static_cast<size_t>(static_cast<const char *>(hit) - image.data()) + 1;
-    }
-    pos = start;
-    if (!StartsLine(image, start)) continue;
-    size_t end = EntryEnd(image, start);
-    std::string_view text = image.substr(start, end - start);
-    if (ParseEntry(text, entry) == Defect::kNone && entry->alias == alias) {
-      found->text = text;
-      found->offset = start;
-      return true;
-    }
-  }
-  // Slow path: an alias spelt with unusual escapes still counts.
+  std::string spelt;
+  AppendEscapedAlias(&spelt, alias);
   Scanner scanner(image);
   RawEntry raw;
-  std::string name;
   while (scanner.Next(&raw)) {
-    if (raw.text.find('\\') == std::string_view::npos) continue;
-    if (ParseAlias(raw.text, &name) != Defect::kNone || name != alias) continue;
-    if (ParseEntry(raw.text, entry) != Defect::kNone) continue;
+    if (!AliasIs(raw.text, alias, spelt)) continue;
+    if (ParseEntry(raw.text, entry) != Defect::kNone) continue;  // malformed: skipped
     *found = raw;
     return true;
   }

@@ -79,8 +79,11 @@ bool StartsLine(std::string_view image, size_t pos);
 bool IsCommentOrBlank(std::string_view text);
 
 Defect ParseEntry(std::string_view text, Entry *out);
-// Reads only the alias and checks the four head colons.
+// Checks the whole entry as ParseEntry does, keeping only the alias.
 Defect ParseAlias(std::string_view text, std::string *alias);
+// Whether the entry's alias is `alias`, whose writer's spelling (from
+// AppendEscapedAlias) is `spelt`; cheap unless the head holds escapes.
+bool AliasIs(std::string_view text, std::string_view alias, std::string_view spelt);
 
 bool IsMethodName(std::string_view name);  // holds "cmd" or "func"
 
