@@ -1,7 +1,12 @@
 // The device table cursor: every (alias, name, value) of the table, entry
-// after entry, positional fields first. The whole file is read at each
-// rewind, so a rewind after a change sees the new table.
+// after entry, positional fields first. Each rewind opens the file afresh, so
+// it sees the table as it is now; the open file keeps one version throughout
+// (writers replace the table, they do not rewrite it in place).
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
+#include <memory>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -17,8 +22,8 @@ namespace {
 const char kModule[] = "ReferenceNextAttribute";
 
 struct Cursor {
-  devtab::Image image;
-  devtab::Scanner scanner{std::string_view()};
+  int fd = -1;
+  std::unique_ptr<devtab::EntryStream> stream;
   devtab::Entry entry;
   std::string path;
   size_t field = 0;  // next field of entry: 0-2 positional, then pairs
@@ -30,7 +35,7 @@ Cursor cursor;
 // Moves to the next well-formed entry; malformed ones are reported and skipped.
 bool NextEntry() {
   devtab::RawEntry raw;
-  while (cursor.scanner.Next(&raw)) {
+  while (cursor.stream->Next(&raw)) {
     devtab::Defect d = devtab::ParseEntry(raw.text, &cursor.entry);
     if (d == devtab::Defect::kNone) {
       cursor.field = 0;
@@ -39,7 +44,17 @@ bool NextEntry() {
     pv::Trace(3, kModule, "%s:%zu: %s; entry skipped", cursor.path.c_str(), raw.line,
               devtab::DefectText(d));
   }
+  if (cursor.stream->error() != 0)
+    pv::Trace(3, kModule, "%s: read failed: %s", cursor.path.c_str(), strerror(cursor.stream->error()));
   return false;
+}
+
+void Close() {
+  cursor.stream.reset();
+  if (cursor.fd >= 0) close(cursor.fd);
+  cursor.fd = -1;
+  cursor.open = false;
+  cursor.have_entry = false;
 }
 
 }  // namespace
@@ -56,15 +71,14 @@ int ResetDeviceTabFile(void) {
   if (path == nullptr) return -1;
   cursor.path = path;
   free(path);
-  cursor.have_entry = false;
-  cursor.open = false;
-  cursor.scanner = devtab::Scanner(std::string_view());
-  int err = cursor.image.Load(cursor.path.c_str());
-  if (err != 0) {
-    pv::Trace(8, "ResetDeviceTabFile", "cannot read %s: %s", cursor.path.c_str(), strerror(err));
+  Close();
+  do cursor.fd = open(cursor.path.c_str(), O_RDONLY | O_CLOEXEC);
+  while (cursor.fd < 0 && errno == EINTR);
+  if (cursor.fd < 0) {
+    pv::Trace(8, "ResetDeviceTabFile", "cannot read %s: %s", cursor.path.c_str(), strerror(errno));
     return -1;
   }
-  cursor.scanner = devtab::Scanner(cursor.image.view());
+  cursor.stream = std::make_unique<devtab::EntryStream>(cursor.fd);
   cursor.open = true;
   return 0;
 }
@@ -74,7 +88,7 @@ int ReferenceNextAttribute(char **alias, char **name, char **value) {
   for (;;) {
     if (!cursor.have_entry) {
       if (!NextEntry()) {
-        cursor.open = false;
+        Close();
         return KWL_END;
       }
       cursor.have_entry = true;
