@@ -15,6 +15,7 @@
 #define QD_H
 
 #include <stddef.h>
+#include <stdio.h>
 
 #include "pv.h"
 
@@ -74,6 +75,24 @@ QD_EXPORT int DisplayParameterList(KeywordList *list);
 QD_EXPORT int IsAlias(const char *name, int length);
 /* 1 when the first `length` characters of name hold "cmd" or "func". */
 QD_EXPORT int IsMethod(const char *name, int length);
+
+/* ---- Locks ---- */
+
+/* Lock modes: QDREAD or QDWRITE, optionally with QDLOCK_NOWAIT or QDLOCK_TEST. */
+#define QDREAD 0
+#define QDWRITE 1
+#define QDLOCK_NOWAIT 2 /* one attempt only */
+#define QDLOCK_TEST 4   /* ask whether the lock could be had; take nothing */
+
+/* The table lock (a lock file beside the table); nests by counting. 0 or -1.
+ * Pair every successful QDlock with a QDunlock of the same kind. */
+QD_EXPORT int QDlock(int mode);
+QD_EXPORT int QDunlock(int mode);
+/* The table lock plus a record lock on the table file, with a stream on it
+ * in QDlock_fptr (not to be closed by the caller). 0 or -1. */
+QD_EXPORT int QDlock_fp(int mode);
+QD_EXPORT int QDunlock_fp(int mode);
+QD_EXPORT extern FILE *QDlock_fptr;
 
 /* ---- Queries (local implementations) ---- */
 

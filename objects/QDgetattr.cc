@@ -42,8 +42,13 @@ NameValue *UnitProp(const char *alias, const char *name) {
   }
   strcpy(record->name, name);
   record->value[0] = '\0';
+  if (QDlock(QDREAD) != 0) {
+    free(record);
+    return nullptr;
+  }
   SingleValue out{record->value, false};
   int rc = ExecuteCommand(command, OutputSingleName, &out);
+  QDunlock(QDREAD);
   if (rc == 0 && out.overflow) {
     QDerror(kModule, "Value of '%s' longer than %d characters\n", name, QD_VALUE_MAX);
     rc = -1;

@@ -84,7 +84,12 @@ KeywordList *DevAllAttr(const char *alias, int methods) {
     DestroyKeywordList(list);
     return nullptr;
   }
+  if (QDlock(QDREAD) != 0) {
+    DestroyKeywordList(list);
+    return nullptr;
+  }
   int rc = ExecuteCommand(command, methods == 1 ? OutputMethodVal : OutputAttrVal, list);
+  QDunlock(QDREAD);
   if (rc != 0) {
     DestroyKeywordList(list);
     return nullptr;
