@@ -186,6 +186,24 @@ TEST(Queries, OptionLikeAliasesAreRefusedWithAClearError) {
   EXPECT_TRUE(trace.Has("argument would be read as an option")) << trace.Text();
 }
 
+// unitprop runs while the query holds the table's read lock.
+TEST(Queries, HoldTheReadLockWhileUnitpropRuns) {
+  Sandbox box;
+  std::string bin = box.Path("lockbin");
+  mkdir(bin.c_str(), 0755);
+  WriteFile(bin + "/unitprop", "#!/bin/sh\ncut -d: -f4,5 '" + box.Path(".units.tab") + "'\n");
+  chmod((bin + "/unitprop").c_str(), 0755);
+  setenv("PATH", (bin + ":" + getenv("PATH")).c_str(), 1);
+  NameValue *nv = QDLgetattr("disk0", "desc");
+  ASSERT_NE(nv, nullptr);
+  EXPECT_STREQ(nv->value, "LOCK:read");
+  free(nv);
+  KeywordList *attrs = QDLgetattrs("disk0");  // "LOCK:read" has no '=': no pairs
+  ASSERT_NE(attrs, nullptr);
+  DestroyKeywordList(attrs);
+  EXPECT_NE(access(box.Path(".units.tab").c_str(), F_OK), 0) << "released and removed";
+}
+
 TEST(Queries, AreReachedThroughTheDispatchOfLibPV) {
   Sandbox box;
   NameValue *nv = PVQueryattr("tty03", "speed");
