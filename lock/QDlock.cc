@@ -154,11 +154,17 @@ int Attempt(bool write, int mode, int cmd, struct flock *request) {
   else
     ++table.rlck_cnt;
   QDtrace(8, kLock, "successfully gained a %s lock", write ? "write" : "read");
-  if (ftruncate(table.fd, 0) != 0) {
-    // A stale log line is harmless; the lock is what counts.
-  }
+  // The file becomes just this record. Writing it at the start and then
+  // cutting the file to its length leaves the same content as truncating to
+  // zero and appending, without the zero-length truncation that makes ext4
+  // flush the file to disk when it is closed. Errors here are ignored: the
+  // log is advisory, the lock is what counts.
   FormRecord("LOCK", write);
-  AppendRecord();
+  size_t len = strlen(table.info);
+  if (pwrite(table.fd, table.info, len, 0) == static_cast<ssize_t>(len)) {
+    if (ftruncate(table.fd, static_cast<off_t>(len)) != 0) {
+    }
+  }
   return 0;
 }
 
