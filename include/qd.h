@@ -46,6 +46,24 @@ typedef struct AliasList {
   struct AliasList *next; /* NULL at the end */
 } AliasList;
 
+/* An object: one table entry. Freed with QDfreeobj, which frees all it owns. */
+struct ContainedNode;
+typedef struct ObjectRecord {
+  char *alias;                     /* owned; NULL while being built */
+  KeywordList *attributes;         /* owned: neither alias nor method names */
+  KeywordList *methods;            /* owned: names holding "cmd" or "func" */
+  struct ContainedNode *contained; /* owned chain of contained objects */
+} ObjectRecord;
+
+/* One link of an object's chain of contained objects. */
+typedef struct ContainedNode {
+  ObjectRecord *object;       /* owned */
+  struct ContainedNode *next; /* NULL at the end */
+} ContainedNode;
+
+/* A framework library's function, as the switch hands it out. */
+typedef void (*QDfwfunc)(void);
+
 /* Handler of one line of a command's output (newline removed). */
 typedef int (*QDLineHandler)(void *context, char *line);
 
@@ -76,6 +94,23 @@ QD_EXPORT int IsAlias(const char *name, int length);
 /* 1 when the first `length` characters of name hold "cmd" or "func". */
 QD_EXPORT int IsMethod(const char *name, int length);
 
+/* ---- Framework switch ---- */
+
+/* 0 when a framework serves `name` (*fn set), 1 for local service. The name
+ * "placebo" decides without looking a function up. */
+QD_EXPORT int FWswitch(const char *name, QDfwfunc *fn);
+/* Names the framework to decide on next (NULL: local from now on). 0 or -1. */
+QD_EXPORT int SetFWswitch(const char *name);
+/* 1 while the local implementation is in force, 0 under a framework. */
+QD_EXPORT int IsOriginalQD(void);
+/* 0 when the settings file names a framework (copied into name, 1024 bytes). */
+QD_EXPORT int QDread_rc(char *name);
+/* *dir: SO_DIR, else the built-in library directory. Not to be freed. */
+QD_EXPORT int QDLibDirName(char **dir);
+
+/* The cache flag: 0 until the cache is loaded. */
+QD_EXPORT extern int qdcache_on;
+
 /* ---- Locks ---- */
 
 /* Lock modes: QDREAD or QDWRITE, optionally with QDLOCK_NOWAIT or QDLOCK_TEST. */
@@ -94,7 +129,18 @@ QD_EXPORT int QDlock_fp(int mode);
 QD_EXPORT int QDunlock_fp(int mode);
 QD_EXPORT extern FILE *QDlock_fptr;
 
-/* ---- Queries (local implementations) ---- */
+/* ---- Queries ---- */
+
+/* The public queries: a framework or the local implementation serves them.
+ * Results as for the QDL functions below. */
+QD_EXPORT NameValue *QDgetattr(const char *alias, const char *name);
+QD_EXPORT KeywordList *QDgetattrs(const char *alias);
+QD_EXPORT NameValue *QDgetmethod(const char *alias, const char *name);
+QD_EXPORT KeywordList *QDgetmethods(const char *alias);
+/* A whole object; always local. QDfreeobj. */
+QD_EXPORT ObjectRecord *QDgetobj(const char *alias);
+
+/* Local implementations. */
 
 /* One attribute; NULL for a method name, an unknown alias or name. free(). */
 QD_EXPORT NameValue *QDLgetattr(const char *alias, const char *name);
@@ -104,6 +150,18 @@ QD_EXPORT NameValue *QDLgetmethod(const char *alias, const char *name);
 QD_EXPORT KeywordList *QDLgetattrs(const char *alias);
 /* All methods. DestroyKeywordList. */
 QD_EXPORT KeywordList *QDLgetmethods(const char *alias);
+
+QD_EXPORT ObjectRecord *QDLgetobj(const char *alias);
+
+/* ---- Object records ---- */
+
+/* Takes over the three pointers; NULL when out of memory. */
+QD_EXPORT ObjectRecord *Create_object(char *alias, KeywordList *attributes, KeywordList *methods);
+/* Frees the object and everything it owns, contained objects included. */
+QD_EXPORT void QDfreeobj(ObjectRecord *object);
+/* Writes the object's attributes and methods to the entry `alias`; 12 when
+ * the combined list cannot be built, else the result of the write. */
+QD_EXPORT int QDputobj(const char *alias, ObjectRecord *object);
 
 #ifdef __cplusplus
 }

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "command.h"
+#include "front.h"
 #include "queries.h"
 
 namespace {
@@ -64,4 +65,11 @@ extern "C" NameValue *QDLgetattr(const char *alias, const char *name) {
   if (alias == nullptr || name == nullptr) return nullptr;
   if (IsMethod(name, static_cast<int>(strlen(name)))) return nullptr;
   return UnitProp(alias, name);
+}
+
+extern "C" NameValue *QDgetattr(const char *alias, const char *name) {
+  if (qd::CacheShortCut(alias)) return PVQueryattr(alias, name);
+  if (auto fw = qd::FrameworkFunction<NameValue *(*)(const char *, const char *)>("FWgetattr"))
+    return fw(alias, name);
+  return PVQueryattr(alias, name);
 }

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "command.h"
+#include "front.h"
 #include "queries.h"
 
 namespace {
@@ -100,4 +101,10 @@ KeywordList *DevAllAttr(const char *alias, int methods) {
 extern "C" KeywordList *QDLgetattrs(const char *alias) {
   if (alias == nullptr) return nullptr;
   return DevAllAttr(alias, 0);
+}
+
+extern "C" KeywordList *QDgetattrs(const char *alias) {
+  if (qd::CacheShortCut(alias)) return PVQueryattrs(alias);
+  if (auto fw = qd::FrameworkFunction<KeywordList *(*)(const char *)>("FWgetattrs")) return fw(alias);
+  return PVQueryattrs(alias);
 }

@@ -1,10 +1,18 @@
 // One method of an entry.
 #include <cstring>
 
+#include "front.h"
 #include "queries.h"
 
 extern "C" NameValue *QDLgetmethod(const char *alias, const char *name) {
   if (alias == nullptr || name == nullptr) return nullptr;
   if (!IsMethod(name, static_cast<int>(strlen(name)))) return nullptr;
   return UnitProp(alias, name);
+}
+
+extern "C" NameValue *QDgetmethod(const char *alias, const char *name) {
+  if (qd::CacheShortCut(alias)) return PVQuerymeth(alias, name);
+  if (auto fw = qd::FrameworkFunction<NameValue *(*)(const char *, const char *)>("FWgetmethod"))
+    return fw(alias, name);
+  return PVQuerymeth(alias, name);
 }

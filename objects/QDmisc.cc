@@ -1,6 +1,7 @@
 // QDtrace: the one gate every trace line of the library passes. The level
 // test comes before any formatting work.
 #include <cstdarg>
+#include <cstdlib>
 
 #include "qd.h"
 
@@ -10,4 +11,30 @@ extern "C" void QDtrace(int level, const char *module, const char *format, ...) 
   va_start(args, format);
   VCELvtrace(level, module, format, args);
   va_end(args);
+}
+
+extern "C" ObjectRecord *Create_object(char *alias, KeywordList *attributes, KeywordList *methods) {
+  auto *object = static_cast<ObjectRecord *>(QDmalloc("QDmisc", sizeof(ObjectRecord)));
+  if (object == nullptr) {
+    QDtrace(2, "QDmisc", "Cannot allocate storage for object '%s'", alias ? alias : "(null)");
+    return nullptr;
+  }
+  object->alias = alias;
+  object->attributes = attributes;
+  object->methods = methods;
+  object->contained = nullptr;
+  return object;
+}
+
+extern "C" void QDfreeobj(ObjectRecord *object) {
+  if (object == nullptr) return;
+  free(object->alias);
+  if (object->attributes != nullptr) DestroyKeywordList(object->attributes);
+  if (object->methods != nullptr) DestroyKeywordList(object->methods);
+  while (ContainedNode *node = object->contained) {
+    QDfreeobj(node->object);
+    object->contained = node->next;
+    free(node);
+  }
+  free(object);
 }

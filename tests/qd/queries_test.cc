@@ -214,7 +214,11 @@ TEST(Queries, AreReachedThroughTheDispatchOfLibPV) {
   ASSERT_NE(methods, nullptr);
   EXPECT_EQ(NumberOfKeywords(methods), 2);
   DestroyKeywordList(methods);
-  EXPECT_EQ(PVQueryobjs("tty03"), nullptr);  // no local service for objects yet
+  ObjectRecord *object = PVQueryobjs("tty03");
+  ASSERT_NE(object, nullptr);
+  EXPECT_STREQ(object->alias, "tty03");
+  EXPECT_EQ(NumberOfKeywords(object->methods), 2);
+  QDfreeobj(object);
 }
 
 }  // namespace

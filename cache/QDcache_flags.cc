@@ -1,0 +1,6 @@
+// The cache's exported flags.
+#include "qd.h"
+
+extern "C" {
+int qdcache_on = 0;  // set by a load, cleared by a flush or free
+}

@@ -1,0 +1,25 @@
+// What every public front function shares: the choice between a framework
+// library and the local implementation.
+#ifndef QD_FRONT_FRONT_H
+#define QD_FRONT_FRONT_H
+
+#include "qd.h"
+
+namespace qd {
+
+// The framework's function of that name when a framework serves the call,
+// else nullptr (local service). Every failure of the decision is local.
+template <typename Fn>
+Fn FrameworkFunction(const char *symbol) {
+  QDfwfunc fn = nullptr;
+  if (FWswitch(symbol, &fn) != 0 || fn == nullptr) return nullptr;
+  return reinterpret_cast<Fn>(fn);
+}
+
+// True when the front may hand an alias straight to libPV: the cache is on
+// and the alias is served here.
+inline bool CacheShortCut(const char *alias) { return qdcache_on != 0 && IsLocalAlias(alias); }
+
+}  // namespace qd
+
+#endif
