@@ -1,8 +1,14 @@
 // The device table cursor: every (alias, name, value) of the table, entry
-// after entry, positional fields first. Each rewind opens the file afresh, so
-// it sees the table as it is now; the open file keeps one version throughout
-// (writers replace the table, they do not rewrite it in place).
+// after entry, positional fields first.
+//
+// The descriptor stays open between walks and a rewind reuses it while the
+// path still names the same file: callers walk the table while holding an
+// fcntl lock on it, and closing ANY descriptor of a file drops all of the
+// process's locks on it. When a writer has replaced the table, the rewind
+// opens the new file; the old descriptor's file is gone from the path, so
+// no lock that still matters is dropped with it.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -49,12 +55,17 @@ bool NextEntry() {
   return false;
 }
 
-void Close() {
-  cursor.stream.reset();
-  if (cursor.fd >= 0) close(cursor.fd);
-  cursor.fd = -1;
+void EndWalk() {
   cursor.open = false;
   cursor.have_entry = false;
+}
+
+// True when the open descriptor is the file `path` names now.
+bool StillCurrent(const std::string &path) {
+  struct stat by_fd, by_path;
+  return cursor.fd >= 0 && path == cursor.path && fstat(cursor.fd, &by_fd) == 0 &&
+         stat(path.c_str(), &by_path) == 0 && by_fd.st_ino == by_path.st_ino &&
+         by_fd.st_dev == by_path.st_dev;
 }
 
 }  // namespace
@@ -67,16 +78,23 @@ char *_pdevtabpath(void) {
 }
 
 int ResetDeviceTabFile(void) {
-  char *path = _pdevtabpath();
-  if (path == nullptr) return -1;
-  cursor.path = path;
-  free(path);
-  Close();
-  do cursor.fd = open(cursor.path.c_str(), O_RDONLY | O_CLOEXEC);
-  while (cursor.fd < 0 && errno == EINTR);
-  if (cursor.fd < 0) {
-    pv::Trace(8, "ResetDeviceTabFile", "cannot read %s: %s", cursor.path.c_str(), strerror(errno));
-    return -1;
+  char *raw = _pdevtabpath();
+  if (raw == nullptr) return -1;
+  std::string path = raw;
+  free(raw);
+  EndWalk();
+  cursor.stream.reset();
+  if (StillCurrent(path)) {
+    if (lseek(cursor.fd, 0, SEEK_SET) != 0) return -1;
+  } else {
+    if (cursor.fd >= 0) close(cursor.fd);
+    cursor.path = path;
+    do cursor.fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    while (cursor.fd < 0 && errno == EINTR);
+    if (cursor.fd < 0) {
+      pv::Trace(8, "ResetDeviceTabFile", "cannot read %s: %s", path.c_str(), strerror(errno));
+      return -1;
+    }
   }
   cursor.stream = std::make_unique<devtab::EntryStream>(cursor.fd);
   cursor.open = true;
@@ -88,7 +106,7 @@ int ReferenceNextAttribute(char **alias, char **name, char **value) {
   for (;;) {
     if (!cursor.have_entry) {
       if (!NextEntry()) {
-        Close();
+        EndWalk();
         return KWL_END;
       }
       cursor.have_entry = true;
