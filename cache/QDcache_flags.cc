@@ -4,3 +4,7 @@
 extern "C" {
 int qdcache_on = 0;  // set by a load, cleared by a flush or free
 }
+
+extern "C" {
+int qd_stale = 0;  // nonzero: criteria queries include entries marked alias_status
+}

@@ -110,6 +110,8 @@ QD_EXPORT int QDLibDirName(char **dir);
 
 /* The cache flag: 0 until the cache is loaded. */
 QD_EXPORT extern int qdcache_on;
+/* 0 (default): criteria queries leave out entries that carry alias_status. */
+QD_EXPORT extern int qd_stale;
 
 /* ---- Locks ---- */
 
@@ -152,6 +154,28 @@ QD_EXPORT KeywordList *QDLgetattrs(const char *alias);
 QD_EXPORT KeywordList *QDLgetmethods(const char *alias);
 
 QD_EXPORT ObjectRecord *QDLgetobj(const char *alias);
+
+/* ---- Aliases ---- */
+
+/* Every alias in table order (criteria NULL), or those whose entries meet
+ * the criteria (each criterion: attribute = comma list of required items).
+ * NULL when there are none. QDFreeAliasList. */
+QD_EXPORT AliasList *QDgetaliases(KeywordList *criteria);
+QD_EXPORT AliasList *QDLgetaliases(KeywordList *criteria);
+/* The candidates whose entries meet every criterion, in reverse table order. */
+QD_EXPORT AliasList *QDmatchalias(KeywordList *criteria, AliasList *candidates);
+/* The alias after `current` (or the first, for NULL) among the aliases of
+ * the class; NULL at the end. free(). */
+QD_EXPORT char *QDnextalias(const char *class_name, const char *current);
+QD_EXPORT char *QDLnextalias(const char *class_name, const char *current);
+/* 1 when name is a criterion and value meets it, -1 when it fails it, 0 when
+ * name is no criterion. */
+QD_EXPORT int MeetCriteria(KeywordList *criteria, const char *name, const char *value);
+QD_EXPORT AliasList *FindAliasInList(const char *alias, AliasList *list);
+/* A new node holding a copy of node's alias, in front of list. */
+QD_EXPORT AliasList *AddAliasToList(AliasList *node, AliasList *list);
+/* Frees a comma list from ParseCommaList; NULL is allowed. */
+QD_EXPORT void DestroyCommaList(CommaList list);
 
 /* ---- Object records ---- */
 

@@ -38,3 +38,11 @@ extern "C" void QDfreeobj(ObjectRecord *object) {
   }
   free(object);
 }
+
+extern "C" void DestroyCommaList(CommaList list) {
+  if (list == nullptr) return;
+  char **end = list;
+  while (*end != nullptr) ++end;
+  free(end[1]);  // the block every item lies in
+  free(list);
+}
