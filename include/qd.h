@@ -16,6 +16,7 @@
 
 #include <stddef.h>
 #include <stdio.h>
+#include <time.h>
 
 #include "pv.h"
 
@@ -176,6 +177,44 @@ QD_EXPORT AliasList *FindAliasInList(const char *alias, AliasList *list);
 QD_EXPORT AliasList *AddAliasToList(AliasList *node, AliasList *list);
 /* Frees a comma list from ParseCommaList; NULL is allowed. */
 QD_EXPORT void DestroyCommaList(CommaList list);
+
+/* ---- Time stamps ---- */
+
+/* A stamp is a struct tm; one whose day of month is 0 is unset. Its text
+ * form (28 characters) is "%04d,%02d,%02d,%02d,%02d,%02d,%1d,%03d,%02d" of
+ * years since 1900, month (0-11), day, hours, minutes, seconds, weekday,
+ * day of year and the daylight flag. */
+#define QD_TS_ZERO 0   /* no argument */
+#define QD_TS_STAMP 1  /* struct tm * */
+#define QD_TS_CLOCK 2  /* time_t * */
+#define QD_TS_STRING 3 /* value text */
+#define QD_TS_NOW 4    /* no argument */
+#define QD_TS_ENV 5    /* from QD_TIMESTAMP */
+
+QD_EXPORT extern struct tm QDtimestamp;      /* this process's current stamp */
+QD_EXPORT extern char QDstampstring[30];     /* its text form */
+QD_EXPORT extern struct tm QDexpirationdate; /* stale objects older than this expire */
+
+QD_EXPORT void QDzerotimestamp(struct tm *stamp);
+/* Writes the text form into value (at least 29 bytes); its length. */
+QD_EXPORT int QDtm2value(struct tm stamp, char *value);
+/* The stamp a text form stands for; the zero stamp when it is not one. */
+QD_EXPORT struct tm QDvalue2tm(const char *value);
+QD_EXPORT struct tm *QDcl2stamp(struct tm *stamp, const time_t *clock);
+QD_EXPORT int QDcl2value(const time_t *clock, char *value);
+/* 1 when a is later than b, -1 when earlier, 0 when equal to the second. */
+QD_EXPORT int QDcomparestamps(struct tm a, struct tm b);
+/* 1 when the stamp is earlier than QDexpirationdate. */
+QD_EXPORT int QDexpired(struct tm stamp);
+/* Sets QDtimestamp by event; 0, 254 (bad text), 255 (unknown event), or for
+ * QD_TS_ENV the result of QDsettimefmenv. */
+QD_EXPORT int QDsettime(int event, void *arg);
+/* From QD_TIMESTAMP while the stamp is unset: 0 (set, or already set), 242
+ * (not set: timestamping off), 245 ("0"), 254 (not a stamp). */
+QD_EXPORT int QDsettimefmenv(void);
+/* Writes the current stamp to the entry as ObjTimestamp (when timestamping
+ * is on); returns the current stamp. */
+QD_EXPORT struct tm QDtouch(const char *alias);
 
 /* ---- Object records ---- */
 

@@ -1,0 +1,213 @@
+// Time stamps: their text form, comparison, and setting the process's stamp.
+// A fixed time zone (with daylight saving) keeps local times reproducible.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+
+#include "qd.h"
+#include "qd_paths.h"
+#include "sandbox.h"
+#include "trace_capture.h"
+
+using testing_support::ReadFile;
+using testing_support::Sandbox;
+using testing_support::WriteFile;
+
+namespace {
+
+class Stamps : public testing::Test {
+ protected:
+  void SetUp() override {
+    setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+    tzset();
+    unsetenv("QD_TIMESTAMP");
+  }
+};
+
+struct tm Stamp(int year, int mon, int mday, int hour, int min, int sec, int wday, int yday,
+                int isdst) {
+  struct tm t = {};
+  t.tm_year = year, t.tm_mon = mon, t.tm_mday = mday, t.tm_hour = hour, t.tm_min = min;
+  t.tm_sec = sec, t.tm_wday = wday, t.tm_yday = yday, t.tm_isdst = isdst;
+  return t;
+}
+
+std::string Text(struct tm t) {
+  char buf[29];
+  int n = QDtm2value(t, buf);
+  EXPECT_EQ(n, static_cast<int>(strlen(buf)));
+  return buf;
+}
+
+// The text on the heap, exactly as long as it is, so that the sanitizer
+// build catches any read past its end.
+struct tm Read(const std::string &text) {
+  char *copy = static_cast<char *>(malloc(text.size() + 1));
+  memcpy(copy, text.c_str(), text.size() + 1);
+  struct tm t = QDvalue2tm(copy);
+  free(copy);
+  return t;
+}
+
+TEST_F(Stamps, TextFormOfStamps) {
+  struct Case {
+    struct tm stamp;
+    const char *text;
+  } cases[] = {
+      {Stamp(0, 0, 0, 0, 0, 0, 0, 0, 0), "0000,00,00,00,00,00,0,000,00"},
+      {Stamp(97, 2, 14, 9, 5, 3, 5, 72, 0), "0097,02,14,09,05,03,5,072,00"},
+      {Stamp(124, 11, 31, 23, 59, 59, 2, 365, 0), "0124,11,31,23,59,59,2,365,00"},
+      {Stamp(97, 2, 14, 9, 5, 3, 5, 72, -1), "0097,02,14,09,05,03,5,072,-1"},
+  };
+  for (const Case &c : cases) {
+    EXPECT_EQ(Text(c.stamp), c.text);
+    EXPECT_EQ(Text(Read(c.text)), c.text) << "round trip";
+  }
+  struct tm t = Read("0097,02,14,09,05,03,5,072,00");
+  EXPECT_EQ(t.tm_sec, 3);
+  EXPECT_EQ(t.tm_min, 5);
+  EXPECT_EQ(t.tm_hour, 9);
+  EXPECT_EQ(t.tm_mday, 14);
+  EXPECT_EQ(t.tm_mon, 2);
+  EXPECT_EQ(t.tm_year, 97);
+  EXPECT_EQ(t.tm_wday, 5);
+  EXPECT_EQ(t.tm_yday, 72);
+  EXPECT_EQ(Read("0124,00,01,00,00,00,1,000,00").tm_year, 124);
+}
+
+TEST_F(Stamps, TextsThatAreNotStampsGiveTheZeroStamp) {
+  Sandbox box;
+  TraceCapture trace(box, 2);
+  for (const char *bad : {"1997-03-14", "", "0097,02,14,09,05,03,5,07", "0097,02,14,09,05,03,5,072",
+                          "0097.02,14,09,05,03,5,072,00", "x"}) {
+    struct tm t = Read(bad);
+    EXPECT_EQ(Text(t), "0000,00,00,00,00,00,0,000,00") << bad;
+  }
+  EXPECT_TRUE(trace.Has("Invalid timestamp value format: 1997-03-14"));
+  EXPECT_TRUE(trace.Has("Zeroing-out timestamp"));
+  // The commas alone make a value: what lies between them is read as it is.
+  EXPECT_EQ(Read("0097,02,14,09,05,03,5,072,").tm_mday, 14);
+  EXPECT_EQ(Read("0097,02,14,09,05,03,5,072,00 and more").tm_isdst, 0);
+}
+
+TEST_F(Stamps, ComparisonLooksAtTheDateAndTimeOnly) {
+  struct tm a = Stamp(97, 2, 14, 9, 5, 3, 5, 72, 0);
+  struct tm b = Stamp(97, 2, 14, 9, 5, 3, 1, 10, 1);
+  EXPECT_EQ(QDcomparestamps(a, b), 0);
+  b.tm_sec = 4;
+  EXPECT_EQ(QDcomparestamps(a, b), -1);
+  EXPECT_EQ(QDcomparestamps(b, a), 1);
+  struct tm later_year = Stamp(98, 0, 1, 0, 0, 0, 0, 0, 0);
+  EXPECT_EQ(QDcomparestamps(later_year, a), 1);
+}
+
+TEST_F(Stamps, ExpiryIsAgainstTheExpirationDate) {
+  struct tm old = Stamp(97, 2, 14, 9, 5, 3, 5, 72, 0);
+  EXPECT_EQ(QDexpired(old), 0) << "no expiration date yet";
+  QDexpirationdate = Stamp(100, 0, 1, 0, 0, 0, 6, 0, 0);
+  EXPECT_EQ(QDexpired(old), 1);
+  EXPECT_EQ(QDexpired(QDexpirationdate), 0);
+}
+
+TEST_F(Stamps, ClockValuesInLocalTime) {
+  time_t winter = 0, summer = 15638400;  // 1970-07-01 00:00 UTC
+  struct tm t;
+  QDcl2stamp(&t, &winter);
+  EXPECT_EQ(t.tm_hour, 1);
+  EXPECT_EQ(t.tm_isdst, 0);
+  char text[29];
+  EXPECT_EQ(QDcl2value(&summer, text), 28);
+  EXPECT_STREQ(text, "0070,06,01,02,00,00,3,181,01");
+}
+
+TEST_F(Stamps, TheEnvironmentSetsTheStampOnce) {
+  Sandbox box;
+  TraceCapture trace(box, 7);
+  strcpy(QDstampstring, "previous");
+  EXPECT_EQ(QDsettime(QD_TS_ENV, nullptr), 242);  // not set: timestamping off
+  EXPECT_EQ(QDtimestamp.tm_mday, 0);
+  EXPECT_STREQ(QDstampstring, "previous");
+  setenv("QD_TIMESTAMP", "0", 1);
+  EXPECT_EQ(QDsettime(QD_TS_ENV, nullptr), 245);
+  EXPECT_TRUE(trace.Has("Set timestamp to 'no timestamp' "));
+  setenv("QD_TIMESTAMP", "1997-03-14", 1);
+  EXPECT_EQ(QDsettime(QD_TS_ENV, nullptr), 254);
+  EXPECT_TRUE(trace.Has("Environment value syntax error: 1997-03-14"));
+  setenv("QD_TIMESTAMP", "0097,02,14,09,05,03,5,072,00", 1);
+  EXPECT_EQ(QDsettime(QD_TS_ENV, nullptr), 0);
+  EXPECT_STREQ(QDstampstring, "0097,02,14,09,05,03,5,072,00");
+  EXPECT_TRUE(trace.Has("Current timestamp value: 0097,02,14,09,05,03,5,072,00"));
+  EXPECT_TRUE(trace.Has("                         Fri Mar 14 09:05:03 1997"));
+  // The first setting holds for the process.
+  setenv("QD_TIMESTAMP", "", 1);
+  EXPECT_EQ(QDsettimefmenv(), 0);
+  EXPECT_TRUE(trace.Has("QDsettimefmenv: Timestamp already set--no action taken"));
+  EXPECT_STREQ(QDstampstring, "0097,02,14,09,05,03,5,072,00");
+}
+
+TEST_F(Stamps, AnEmptyEnvironmentValueMeansNow) {
+  setenv("QD_TIMESTAMP", "", 1);
+  time_t before = time(nullptr);
+  EXPECT_EQ(QDsettime(QD_TS_ENV, nullptr), 0);
+  time_t after = time(nullptr);
+  struct tm lo, hi;
+  QDcl2stamp(&lo, &before);
+  QDcl2stamp(&hi, &after);
+  EXPECT_GE(QDcomparestamps(QDtimestamp, lo), 0);
+  EXPECT_LE(QDcomparestamps(QDtimestamp, hi), 0);
+}
+
+TEST_F(Stamps, ExplicitEvents) {
+  Sandbox box;
+  TraceCapture trace(box, 7);
+  struct tm s = Stamp(97, 2, 14, 9, 5, 3, 5, 72, 0);
+  EXPECT_EQ(QDsettime(QD_TS_STAMP, &s), 0);
+  EXPECT_STREQ(QDstampstring, "0097,02,14,09,05,03,5,072,00");
+  time_t clock = 15638400;
+  EXPECT_EQ(QDsettime(QD_TS_CLOCK, &clock), 0);
+  EXPECT_STREQ(QDstampstring, "0070,06,01,02,00,00,3,181,01");
+  EXPECT_EQ(QDsettime(QD_TS_STRING, const_cast<char *>("1997-03-14")), 254);
+  EXPECT_STREQ(QDstampstring, "0070,06,01,02,00,00,3,181,01") << "unchanged on failure";
+  EXPECT_EQ(QDsettime(QD_TS_STRING, const_cast<char *>("0097,02,14,09,05,03,5,072,00")), 0);
+  EXPECT_EQ(QDtimestamp.tm_year, 97);
+  EXPECT_EQ(QDsettime(6, nullptr), 255);
+  EXPECT_TRUE(trace.Has("Unknown timestamp event, no action taken"));
+  EXPECT_EQ(QDsettime(QD_TS_ZERO, nullptr), 0);
+  EXPECT_STREQ(QDstampstring, "0000,00,00,00,00,00,0,000,00");
+  // With timestamping off again, the environment is read afresh.
+  setenv("QD_TIMESTAMP", "0101,00,01,00,00,00,1,000,00", 1);
+  EXPECT_EQ(QDsettime(QD_TS_ENV, nullptr), 0);
+  EXPECT_EQ(QDtimestamp.tm_year, 101);
+}
+
+// QDtouch writes through the public write; the example framework serves
+// the write here, so what it writes can be read back from its table.
+TEST_F(Stamps, TouchWritesOnlyTheTimeStampAndOnlyWhenStamping) {
+  Sandbox box;
+  WriteFile(box.Path("fw.tab"), "disk0:::: desc=\"x\"\n");
+  setenv("QDDEMO_TABLE", box.Path("fw.tab").c_str(), 1);
+  setenv("SO_DIR", QD_TEST_FRAMEWORK_DIR, 1);
+  setenv("YRA_FW", "demo", 1);
+  setenv("CHECKRUNLEVEL_LEVEL", "3", 1);
+  setenv("QD_RUNLEVEL_CHECKER_PATH", QD_TEST_CHECKER, 1);
+  setenv("TAV_DEVTAB", QD_DEVTAB_PATH, 1);
+
+  struct tm off = QDtouch("disk0");
+  EXPECT_EQ(off.tm_mday, 0);
+  EXPECT_EQ(ReadFile(box.Path("fw.tab")), "disk0:::: desc=\"x\"\n");
+
+  setenv("QD_TIMESTAMP", "0097,02,14,09,05,03,5,072,00", 1);
+  ASSERT_EQ(QDsettime(QD_TS_ENV, nullptr), 0);
+  struct tm on = QDtouch("disk0");
+  EXPECT_EQ(on.tm_year, 97);
+  EXPECT_EQ(ReadFile(box.Path("fw.tab")),
+            "disk0::::desc=\"x\" ObjTimestamp=\"0097,02,14,09,05,03,5,072,00\"\n");
+  QDtouch("disk0");  // a second touch writes the same single attribute again
+  EXPECT_EQ(ReadFile(box.Path("fw.tab")),
+            "disk0::::desc=\"x\" ObjTimestamp=\"0097,02,14,09,05,03,5,072,00\"\n");
+}
+
+}  // namespace
