@@ -67,7 +67,9 @@ AliasList *MatchLocally(KeywordList *criteria, AliasList *candidates) {
   char *name;
   char *value;
   while (remaining > 0 && ReferenceNextAttribute(&alias, &name, &value) != KWL_END) {
-    if (examined != alias) {
+    // Most triples continue the entry being examined: a plain strcmp tells
+    // that cheapest.
+    if (strcmp(alias, examined.c_str()) != 0) {
       examined = alias;
       node = index.Find(alias);
       met = 0;
