@@ -32,7 +32,7 @@ extern "C" {
 #define KWL_OK 0
 #define KWL_DUPLICATE 240 /* RemoveDuplicateKeywordFmList thinned the list */
 #define KWL_NOTFOUND 241  /* lookup: no such keyword */
-#define KWL_WARN 243      /* delivered, but the entry's value is empty */
+#define KWL_WARN 243      /* delivered, but the entry has no value (added with NULL) */
 #define KWL_INVALID 244   /* null or destroyed list */
 #define KWL_END 245       /* iteration (or table cursor) has no further entry */
 #define KWL_NOMEM 247     /* out of memory */
@@ -56,7 +56,8 @@ typedef struct KeywordList {
   unsigned long kwl_count;  /* private: number of entries */
 } KeywordList;
 
-/* Keyword lists. Strings passed in are copied. */
+/* Keyword lists. Strings passed in are copied. A NULL value makes an entry
+ * without a value: it reads as "" and is delivered with KWL_WARN. */
 PV_EXPORT KeywordList *CreateKeywordList(void);
 PV_EXPORT int DestroyKeywordList(KeywordList *list); /* NULL is allowed */
 PV_EXPORT int AddKeywordToList(KeywordList *list, const char *keyword, const char *value);

@@ -18,6 +18,7 @@ struct KeywordEntry {
   char *value;
   size_t value_room;  // bytes available at value, terminator included
   bool value_own;     // value lives in a block of its own
+  bool no_value;      // added with a NULL value: delivered as "" with KWL_WARN
   char storage[1];    // keyword, then value, when inline
 };
 
@@ -28,7 +29,8 @@ constexpr unsigned long kDeadMagic = 0xdeadbeefUL;
 
 KeywordEntry *NewEntry(const char *keyword, const char *value) {
   if (keyword == nullptr) keyword = "";
-  if (value == nullptr) value = "";
+  bool no_value = value == nullptr;
+  if (no_value) value = "";
   size_t klen = strlen(keyword) + 1;
   size_t vlen = strlen(value) + 1;
   auto *e = static_cast<KeywordEntry *>(malloc(offsetof(KeywordEntry, storage) + klen + vlen));
@@ -40,6 +42,7 @@ KeywordEntry *NewEntry(const char *keyword, const char *value) {
   memcpy(e->value, value, vlen);
   e->value_room = vlen;
   e->value_own = false;
+  e->no_value = no_value;
   return e;
 }
 
@@ -49,6 +52,7 @@ void FreeEntry(KeywordEntry *e) {
 }
 
 int SetValue(KeywordEntry *e, const char *value) {
+  e->no_value = value == nullptr;
   if (value == nullptr) value = "";
   size_t vlen = strlen(value) + 1;
   if (vlen <= e->value_room) {
@@ -110,7 +114,7 @@ int RemoveIf(KeywordList *list, Pred drop) {
   return removed;
 }
 
-int Deliver(const KeywordEntry *e) { return e->value[0] == '\0' ? KWL_WARN : KWL_OK; }
+int Deliver(const KeywordEntry *e) { return e->no_value ? KWL_WARN : KWL_OK; }
 
 }  // namespace
 
@@ -257,7 +261,7 @@ int AddKeywordListToList(KeywordList *dest, KeywordList *src) {
   KeywordEntry *tail = nullptr;
   unsigned long n = 0;
   for (KeywordEntry *e = src->kwl_first; e != nullptr; e = e->next) {
-    KeywordEntry *c = NewEntry(e->keyword, e->value);
+    KeywordEntry *c = NewEntry(e->keyword, e->no_value ? nullptr : e->value);
     if (c == nullptr) {
       while (head != nullptr) {
         KeywordEntry *next = head->next;
