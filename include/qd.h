@@ -109,10 +109,103 @@ QD_EXPORT int QDread_rc(char *name);
 /* *dir: SO_DIR, else the built-in library directory. Not to be freed. */
 QD_EXPORT int QDLibDirName(char **dir);
 
-/* The cache flag: 0 until the cache is loaded. */
-QD_EXPORT extern int qdcache_on;
+/* ---- The cache ---- */
+
+/* Status bits of a cache entry. */
+#define OCE_ACTIVE 1  /* touched since the load, or loaded without a stamp */
+#define OCE_UPDATED 2 /* modified or created since the load */
+
+/* One cached object. Entries are on the object queue (next/prev, circular
+ * through the sentinel qdcache_ocp1) and, the first of each alias, on the
+ * chain of its hash bucket (hnext/hprev). */
+typedef struct oce {
+  struct oce *next;      /* object queue */
+  struct oce *prev;
+  struct oce *hnext;     /* hash chain */
+  struct oce *hprev;
+  ObjectRecord *objptr;  /* owned */
+  unsigned char status;  /* OCE_ACTIVE, OCE_UPDATED */
+  struct tm accesstime;  /* its ObjTimestamp; zero stamp for none */
+  struct tm modifytime;  /* its ObjModifyTime */
+  unsigned int qd_chain; /* private: 1 + the bucket whose chain holds it, or 0 */
+} oce;
+
+/* The cache settings, from the settings file. */
+struct qdc_rc_t {
+  unsigned int aliashashsize; /* buckets of the alias hash (at least 1) */
+  unsigned char directload;   /* nonzero: load by reading the table file */
+  unsigned char directsave;   /* nonzero: flush by rewriting the table file */
+};
+QD_EXPORT extern struct qdc_rc_t qdc_rc;
+
+QD_EXPORT extern int qdcache_on;         /* 1 while the cache is loaded and in use */
+QD_EXPORT extern int qdcache_free;       /* 1 while no cache contents are allocated */
+QD_EXPORT extern int qdcache_directload; /* copy of qdc_rc.directload */
+QD_EXPORT extern int qdcache_directsave; /* copy of qdc_rc.directsave */
 /* 0 (default): criteria queries leave out entries that carry alias_status. */
 QD_EXPORT extern int qd_stale;
+QD_EXPORT extern long qdcache_running_sec;
+QD_EXPORT extern unsigned int qdcache_info[18]; /* usage counters */
+QD_EXPORT extern oce qdcache_ocp1;              /* the object queue's sentinel */
+QD_EXPORT extern oce *qdcache_ocp;
+QD_EXPORT extern oce *qdchash_tbl;              /* bucket heads, NULL while free */
+
+/* Never NULL: ends the process (status 1) when memory is exhausted. */
+QD_EXPORT oce *QDcache_oce_new(void);
+QD_EXPORT void QDcache_oce_free(oce *entry);
+QD_EXPORT void QDcache_oce_enq(oce *after, oce *entry);
+QD_EXPORT void QDcache_oce_deq(oce *entry);
+QD_EXPORT void QDcache_hash_enq(oce *after, oce *entry);
+QD_EXPORT void QDcache_hash_deq(oce *entry);
+QD_EXPORT int QDcache_hash_init(void);
+QD_EXPORT oce *QDcache_hash(const char *alias);
+QD_EXPORT oce *QDcache_hash_lookup(const char *alias);
+QD_EXPORT oce *QDcache_hash_searchadd(const char *alias, oce *entry);
+QD_EXPORT oce *QDcache_addobj(ObjectRecord *object, unsigned char status);
+/* Builds an object from the pairs (from the list's cursor on) and adds it. */
+QD_EXPORT oce *QDcache_addalias(const char *alias, KeywordList *pairs, unsigned char status);
+QD_EXPORT void QDcache_rmobj(oce *entry);
+QD_EXPORT oce *QDcache_find_alias(const char *alias);
+QD_EXPORT int QDcache_dump_aliases(void);
+QD_EXPORT void QDcache_show_info(void);
+QD_EXPORT void QDcache_read_rc(void);
+
+/* Loading: 0 when the cache is (or already was) loaded, -1 on failure. */
+QD_EXPORT int QDcache_load(void);
+QD_EXPORT int QDcache_load_direct(void);
+QD_EXPORT void QDcache_load_direct_add(const char *alias);
+QD_EXPORT int QDcache_load_direct_add_kw(void *list, const char *keyword, const char *value);
+
+/* The table format's escapes: ':', '\\', '"' and newline take a backslash. */
+QD_EXPORT size_t strlenesc(const char *s);
+QD_EXPORT char *strcpyesc(char *dest, const char *src);
+QD_EXPORT char *strcatesc(char *dest, const char *src);
+/* As strcpyesc, but every ch is left out; the number of characters written. */
+QD_EXPORT int strcpyesc_omit_ch(char *dest, const char *src, int ch);
+/* Writing entries to the locked table stream QDlock_fptr. 0 or -1. */
+QD_EXPORT int flush_alias_to_stream(const char *alias, KeywordList *attributes);
+QD_EXPORT int flush_kwlist_to_stream(FILE *stream, KeywordList *list, int blank);
+QD_EXPORT int QDcache_flush_put(const char *alias, KeywordList *attributes, KeywordList *methods);
+
+/* The report tree: unique keywords in sorted order. */
+typedef struct report_node {
+  char *key;
+  char *value;
+  struct report_node *left;
+  struct report_node *right;
+  unsigned short count;
+} report_node;
+typedef int (*report_action)(void *argument, const char *key, const char *value);
+QD_EXPORT extern report_node *report_root;
+QD_EXPORT char *newstring(const char *s);
+QD_EXPORT report_node *newnode(const char *key, const char *value);
+QD_EXPORT report_node *report_searchadd(const char *key, const char *value);
+QD_EXPORT int report_add_unique(const char *key, const char *value);
+QD_EXPORT void report_walk_action(report_node *node, const char *order, report_action action,
+                                  void *argument);
+QD_EXPORT void report_apply(const char *order, report_action action, void *argument);
+QD_EXPORT void report_walk_free(report_node *node);
+QD_EXPORT void report_free(void);
 
 /* ---- Locks ---- */
 
