@@ -36,23 +36,27 @@ class Assembly {
     p.order = used_;
   }
 
-  // The pairs as the report tree would give them: unique, descending.
-  KeywordList *TakeList() {
+  // Adds the entry to the cache as the report tree and QDcache_addalias
+  // would: keywords unique (first value kept) in descending order.
+  void AddToCache() {
     order_.resize(used_);
     for (size_t i = 0; i < used_; ++i) order_[i] = &pairs_[i];
     std::sort(order_.begin(), order_.end(), [](const Pair *a, const Pair *b) {
       int c = strcmp(a->key.c_str(), b->key.c_str());
       return c != 0 ? c > 0 : a->order < b->order;
     });
-    KeywordList *list = CreateKeywordList();
+    keys_.clear();
+    values_.clear();
     const Pair *last = nullptr;
-    for (const Pair *p : order_) {
+    for (Pair *p : order_) {
       if (last != nullptr && last->key == p->key) continue;  // the first value stays
-      QDcache_load_direct_add_kw(list, p->key.c_str(), p->value.c_str());
+      QDtrace(8, "QDcache_load_direct_add_kw", "adding '%s' = '%s'", p->key.c_str(), p->value.c_str());
+      keys_.push_back(&p->key[0]);
+      values_.push_back(&p->value[0]);
       last = p;
     }
+    qdcache::AddFromPairs(alias_.c_str(), keys_.data(), values_.data(), keys_.size(), 1);
     active_ = false;
-    return list;
   }
 
  private:
@@ -62,17 +66,15 @@ class Assembly {
   };
   std::string alias_;
   std::vector<Pair> pairs_;
-  std::vector<const Pair *> order_;
+  std::vector<Pair *> order_;
+  std::vector<char *> keys_, values_;
   size_t used_ = 0;
   bool active_ = false;
 };
 
 void AddAssembled(Assembly *entry) {
   qdcache::Count(qdcache::kLoadDirectAdd);
-  KeywordList *list = entry->TakeList();
-  list->kwl_cursor = list->kwl_first;
-  QDcache_addalias(entry->alias().c_str(), list, 1);
-  DestroyKeywordList(list);
+  entry->AddToCache();
 }
 
 // The cache as it was before a failed load: empty, free, hash released.
@@ -80,7 +82,7 @@ void Discard() {
   while (qdcache_ocp->next != qdcache_ocp) QDcache_rmobj(qdcache_ocp->next);
   free(qdchash_tbl);
   qdchash_tbl = nullptr;
-  qdcache::Index().clear();
+  qdcache::Index().Clear();
 }
 
 int LoadIndirect() {

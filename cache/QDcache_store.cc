@@ -1,6 +1,7 @@
 // The cache store: entries on the object queue and the alias hash.
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "cache_state.h"
 
@@ -23,38 +24,75 @@ oce *FirstInChain(unsigned bucket, const char *alias, const oce *skip) {
   return nullptr;
 }
 
-// The index's key is a view of the first entry's own alias string, so the
-// slot is keyed anew whenever its first entry changes.
-void SetFirst(qdcache::AliasIndex::iterator it, oce *first) {
-  unsigned chained = it->second.chained;
-  qdcache::Index().erase(it);
-  if (first != nullptr) qdcache::Index().emplace(AliasOf(first), qdcache::IndexSlot{first, chained});
-}
-
 void IndexLinked(oce *e) {
   const char *alias = AliasOf(e);
   if (alias == nullptr) return;  // a lookup compares objects' aliases: none here
-  auto [it, fresh] = qdcache::Index().emplace(alias, qdcache::IndexSlot{e, 1});
-  if (fresh) return;
+  bool fresh = false;
+  qdcache::IndexSlot *slot = qdcache::Index().Insert(alias, &fresh);
+  if (fresh) {
+    *slot = {e, 1};
+    return;
+  }
   // A second chained entry of one alias: whichever stands first wins.
-  ++it->second.chained;
+  ++slot->chained;
   oce *first = FirstInChain(e->qd_chain - 1, alias, nullptr);
-  if (first != it->second.first) SetFirst(it, first);
+  if (first != slot->first) {
+    slot->first = first;
+    qdcache::Index().Rekey(alias, AliasOf(first));
+  }
 }
 
 void IndexUnlinked(oce *e, unsigned bucket) {
   const char *alias = AliasOf(e);
   if (alias == nullptr) return;
-  auto it = qdcache::Index().find(alias);
-  if (it == qdcache::Index().end()) return;
-  if (--it->second.chained == 0) {
-    qdcache::Index().erase(it);
-  } else if (it->second.first == e) {
-    SetFirst(it, FirstInChain(bucket, alias, e));
+  qdcache::IndexSlot *slot = qdcache::Index().Find(alias);
+  if (slot == nullptr) return;
+  if (--slot->chained == 0) {
+    qdcache::Index().Erase(alias);
+  } else if (slot->first == e) {
+    // The key is the first entry's own string: key the slot by the next one.
+    slot->first = FirstInChain(bucket, alias, e);
+    if (slot->first == nullptr)
+      qdcache::Index().Erase(alias);
+    else
+      qdcache::Index().Rekey(alias, AliasOf(slot->first));
   }
 }
 
 }  // namespace
+
+namespace qdcache {
+
+oce *AddFromPairs(const char *alias, char *const *keys, char *const *values, size_t n,
+                  unsigned char status) {
+  Count(kAddalias);
+  QDtrace(8, kModule, "QDcache_addalias '%s'", alias);
+  KeywordList *methods = CreateKeywordList();
+  KeywordList *attributes = CreateKeywordList();
+  if (methods == nullptr || attributes == nullptr) QDerror(kModule, "CreateKeywordList failed\n");
+  size_t len = strlen(alias);
+  char *copy = static_cast<char *>(QDmalloc(kModule, len + 1));
+  ObjectRecord *object = nullptr;
+  if (copy != nullptr) {
+    memcpy(copy, alias, len + 1);
+    object = Create_object(copy, attributes, methods);
+  }
+  if (object == nullptr) {
+    free(copy);
+    DestroyKeywordList(attributes);
+    DestroyKeywordList(methods);
+    return nullptr;
+  }
+  for (size_t i = 0; i < n; ++i) {
+    for (char *p = values[i]; *p; ++p)
+      if (static_cast<signed char>(*p) < 32 || *p == 127) *p = ' ';
+    AddKeywordToList(IsMethod(keys[i], static_cast<int>(strlen(keys[i]))) ? methods : attributes,
+                     keys[i], values[i]);
+  }
+  return QDcache_addobj(object, status);
+}
+
+}  // namespace qdcache
 
 extern "C" {
 
@@ -121,7 +159,7 @@ int QDcache_hash_init(void) {
     qdchash_tbl[i].hnext = qdchash_tbl[i].hprev = &qdchash_tbl[i];
     qdchash_tbl[i].qd_chain = i + 1;
   }
-  qdcache::Index().clear();
+  qdcache::Index().Clear();
   qdcache::ChainLengths().assign(qdc_rc.aliashashsize, 0);
   return 0;
 }
@@ -136,15 +174,14 @@ oce *QDcache_hash(const char *alias) {
 oce *QDcache_hash_lookup(const char *alias) {
   Count(qdcache::kHashLookup);
   QDcache_hash(alias);
-  auto it = qdcache::Index().find(alias);
-  return it == qdcache::Index().end() ? nullptr : it->second.first;
+  qdcache::IndexSlot *slot = qdcache::Index().Find(alias);
+  return slot != nullptr ? slot->first : nullptr;
 }
 
 oce *QDcache_hash_searchadd(const char *alias, oce *entry) {
   Count(qdcache::kHashSearchadd);
   oce *head = QDcache_hash(alias);
-  auto it = qdcache::Index().find(alias);
-  if (it != qdcache::Index().end()) return it->second.first;
+  if (qdcache::IndexSlot *slot = qdcache::Index().Find(alias)) return slot->first;
   unsigned walked = qdcache::ChainLengths()[head->qd_chain - 1];
   if (entry == nullptr) entry = QDcache_oce_new();
   QDcache_hash_enq(head->hprev, entry);
@@ -192,32 +229,16 @@ oce *QDcache_addobj(ObjectRecord *object, unsigned char status) {
 }
 
 oce *QDcache_addalias(const char *alias, KeywordList *pairs, unsigned char status) {
-  Count(qdcache::kAddalias);
-  QDtrace(8, kModule, "QDcache_addalias '%s'", alias);
-  KeywordList *methods = CreateKeywordList();
-  KeywordList *attributes = CreateKeywordList();
-  if (methods == nullptr || attributes == nullptr) QDerror(kModule, "CreateKeywordList failed\n");
-  size_t len = strlen(alias);
-  char *copy = static_cast<char *>(QDmalloc(kModule, len + 1));
-  ObjectRecord *object = nullptr;
-  if (copy != nullptr) {
-    memcpy(copy, alias, len + 1);
-    object = Create_object(copy, attributes, methods);
-  }
-  if (object == nullptr) {
-    free(copy);
-    DestroyKeywordList(attributes);
-    DestroyKeywordList(methods);
-    return nullptr;
-  }
+  static std::vector<char *> keys, values;
+  keys.clear();
+  values.clear();
   char *kw;
   char *value;
   while (ReferenceNextKeywordInList(pairs, &kw, &value) == KWL_OK) {
-    for (char *p = value; *p; ++p)
-      if (static_cast<signed char>(*p) < 32 || *p == 127) *p = ' ';
-    AddKeywordToList(IsMethod(kw, static_cast<int>(strlen(kw))) ? methods : attributes, kw, value);
+    keys.push_back(kw);
+    values.push_back(value);
   }
-  return QDcache_addobj(object, status);
+  return qdcache::AddFromPairs(alias, keys.data(), values.data(), keys.size(), status);
 }
 
 void QDcache_rmobj(oce *entry) {

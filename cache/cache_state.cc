@@ -1,5 +1,7 @@
 #include "cache_state.h"
 
+#include <cstring>
+
 extern "C" {
 int qdcache_on = 0;          // 1 while the cache is loaded and in use
 int qdcache_free = 1;        // 1 while no cache contents are allocated
@@ -32,6 +34,81 @@ const char *const kCounterLabels[kCounters] = {
 AliasIndex &Index() {
   static AliasIndex index;
   return index;
+}
+
+uint32_t AliasIndex::Hash(const char *s) {
+  uint64_t h = 1469598103934665603ULL;  // FNV-1a
+  for (; *s; ++s) h = (h ^ static_cast<unsigned char>(*s)) * 1099511628211ULL;
+  return static_cast<uint32_t>(h ^ (h >> 32));
+}
+
+size_t AliasIndex::Probe(const char *alias, uint32_t hash) const {
+  size_t mask = slots_.size() - 1;
+  for (size_t i = hash & mask;; i = (i + 1) & mask) {
+    const Slot &s = slots_[i];
+    if (s.key == nullptr || (s.hash == hash && strcmp(s.key, alias) == 0)) return i;
+  }
+}
+
+IndexSlot *AliasIndex::Find(const char *alias) const {
+  if (used_ == 0) return nullptr;
+  const Slot &s = slots_[Probe(alias, Hash(alias))];
+  return s.key != nullptr ? const_cast<IndexSlot *>(&s.value) : nullptr;
+}
+
+IndexSlot *AliasIndex::Insert(const char *alias, bool *fresh) {
+  if ((used_ + 1) * 2 > slots_.size()) Grow();
+  uint32_t hash = Hash(alias);
+  Slot &s = slots_[Probe(alias, hash)];
+  *fresh = s.key == nullptr;
+  if (*fresh) {
+    s = Slot{alias, hash, IndexSlot{nullptr, 0}};
+    ++used_;
+  }
+  return &s.value;
+}
+
+void AliasIndex::Erase(const char *alias) {
+  if (used_ == 0) return;
+  size_t mask = slots_.size() - 1;
+  size_t hole = Probe(alias, Hash(alias));
+  if (slots_[hole].key == nullptr) return;
+  slots_[hole].key = nullptr;
+  --used_;
+  // Shift back the run after the hole, so that probes never stop early.
+  for (size_t i = (hole + 1) & mask; slots_[i].key != nullptr; i = (i + 1) & mask) {
+    size_t home = slots_[i].hash & mask;
+    bool movable = hole <= i ? (home <= hole || home > i) : (home <= hole && home > i);
+    if (movable) {
+      slots_[hole] = slots_[i];
+      slots_[i].key = nullptr;
+      hole = i;
+    }
+  }
+}
+
+void AliasIndex::Rekey(const char *alias, const char *key) {
+  if (used_ == 0) return;
+  Slot &s = slots_[Probe(alias, Hash(alias))];
+  if (s.key != nullptr) s.key = key;
+}
+
+void AliasIndex::Clear() {
+  slots_.clear();
+  used_ = 0;
+}
+
+void AliasIndex::Grow() {
+  std::vector<Slot> old;
+  old.swap(slots_);
+  slots_.assign(old.empty() ? 1024 : old.size() * 2, Slot{nullptr, 0, IndexSlot{nullptr, 0}});
+  size_t mask = slots_.size() - 1;
+  for (const Slot &s : old) {
+    if (s.key == nullptr) continue;
+    size_t i = s.hash & mask;
+    while (slots_[i].key != nullptr) i = (i + 1) & mask;
+    slots_[i] = s;
+  }
 }
 
 std::vector<unsigned> &ChainLengths() {

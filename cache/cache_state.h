@@ -8,8 +8,7 @@
 #ifndef QD_CACHE_STATE_H
 #define QD_CACHE_STATE_H
 
-#include <string_view>
-#include <unordered_map>
+#include <cstdint>
 #include <vector>
 
 #include "qd.h"
@@ -44,19 +43,49 @@ inline void Count(Counter c) { ++qdcache_info[c]; }
 
 // alias -> the first entry of that alias in chain order, and how many
 // entries of that alias are chained (more than one only through direct use
-// of QDcache_hash_enq).
+// of QDcache_hash_enq). Open addressing: no allocation per entry. The key is
+// the first entry's own alias string.
 struct IndexSlot {
   oce *first;
   unsigned chained;
 };
-using AliasIndex = std::unordered_map<std::string_view, IndexSlot>;
+
+class AliasIndex {
+ public:
+  IndexSlot *Find(const char *alias) const;
+  // The slot of the alias, added (zeroed, keyed by `alias`) when absent.
+  IndexSlot *Insert(const char *alias, bool *fresh);
+  void Erase(const char *alias);
+  // Keys the alias's slot by another string of the same text.
+  void Rekey(const char *alias, const char *key);
+  void Clear();
+
+ private:
+  struct Slot {
+    const char *key;  // nullptr: empty
+    uint32_t hash;
+    IndexSlot value;
+  };
+  static uint32_t Hash(const char *s);
+  size_t Probe(const char *alias, uint32_t hash) const;  // its slot, or the empty one where it would go
+  void Grow();
+  std::vector<Slot> slots_;
+  size_t used_ = 0;
+};
 AliasIndex &Index();
+
 // Chain length of each bucket, kept as entries are linked and unlinked.
 std::vector<unsigned> &ChainLengths();
 // The bucket of an alias, without counting a hash call.
 unsigned Bucket(const char *alias);
 
 extern const char kModule[];  // "QDcache"
+
+// The body of QDcache_addalias over plain arrays of pairs (values are
+// cleaned in place): the direct loader hands its assembled entry straight
+// to it, without building a keyword list first.
+oce *AddFromPairs(const char *alias, char *const *keys, char *const *values, size_t n,
+                  unsigned char status);
 
 }  // namespace qdcache
 

@@ -5,6 +5,7 @@
 // hundreds of thousands of entries are built from these, so the common case
 // is one malloc per entry.
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -14,12 +15,11 @@
 
 struct KeywordEntry {
   KeywordEntry *next;
-  char *keyword;
-  char *value;
-  size_t value_room;  // bytes available at value, terminator included
-  bool value_own;     // value lives in a block of its own
-  bool no_value;      // added with a NULL value: delivered as "" with KWL_WARN
-  char storage[1];    // keyword, then value, when inline
+  char *value;          // inline after the keyword, or a block of its own
+  uint32_t value_room;  // bytes available at value, terminator included
+  uint8_t value_own;    // value lives in a block of its own
+  uint8_t no_value;     // added with a NULL value: delivered as "" with KWL_WARN
+  char keyword[1];      // the keyword, then (when inline) the value
 };
 
 namespace {
@@ -33,15 +33,15 @@ KeywordEntry *NewEntry(const char *keyword, const char *value) {
   if (no_value) value = "";
   size_t klen = strlen(keyword) + 1;
   size_t vlen = strlen(value) + 1;
-  auto *e = static_cast<KeywordEntry *>(malloc(offsetof(KeywordEntry, storage) + klen + vlen));
+  if (klen + vlen > UINT32_MAX) return nullptr;
+  auto *e = static_cast<KeywordEntry *>(malloc(offsetof(KeywordEntry, keyword) + klen + vlen));
   if (e == nullptr) return nullptr;
   e->next = nullptr;
-  e->keyword = e->storage;
   memcpy(e->keyword, keyword, klen);
-  e->value = e->storage + klen;
+  e->value = e->keyword + klen;
   memcpy(e->value, value, vlen);
-  e->value_room = vlen;
-  e->value_own = false;
+  e->value_room = static_cast<uint32_t>(vlen);
+  e->value_own = 0;
   e->no_value = no_value;
   return e;
 }
@@ -52,20 +52,21 @@ void FreeEntry(KeywordEntry *e) {
 }
 
 int SetValue(KeywordEntry *e, const char *value) {
-  e->no_value = value == nullptr;
+  e->no_value = value == nullptr ? 1 : 0;
   if (value == nullptr) value = "";
   size_t vlen = strlen(value) + 1;
   if (vlen <= e->value_room) {
     memmove(e->value, value, vlen);
     return KWL_OK;
   }
+  if (vlen > UINT32_MAX) return KWL_NOMEM;
   char *block = static_cast<char *>(malloc(vlen));
   if (block == nullptr) return KWL_NOMEM;
   memcpy(block, value, vlen);
   if (e->value_own) free(e->value);
   e->value = block;
-  e->value_room = vlen;
-  e->value_own = true;
+  e->value_room = static_cast<uint32_t>(vlen);
+  e->value_own = 1;
   return KWL_OK;
 }
 
