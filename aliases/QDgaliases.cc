@@ -52,6 +52,10 @@ int AddAnAliasToList(void *context, char *line) {
 int GetAllAliases(AliasList **head, const std::string &arguments) {
   QDtrace(8, kModule, "GetAllAliases(%lu, %s)", reinterpret_cast<unsigned long>(*head),
           arguments.empty() ? "(null)" : arguments.c_str());
+  if (qdcache_on != 0) {
+    QDcache_hook_GetAllAliases(head, nullptr);
+    return 0;
+  }
   char command[kCommandSize];
   qd::CommandLine line(sizeof command);
   line.Raw("unitlist").Raw(arguments);
@@ -75,6 +79,10 @@ int GetAllAliases(AliasList **head, const std::string &arguments) {
 
 int GetSpecificAliases(AliasList **result, KeywordList *criteria) {
   QDtrace(8, kModule, "GetSpecificAliases(%lu)", reinterpret_cast<unsigned long>(*result));
+  if (qdcache_on != 0) {
+    QDcache_hook_GetSpecificAliases(result, criteria);
+    return 0;
+  }
   qd::CommandLine args(kCommandSize);
   args.Raw(" -a");
   criteria->kwl_cursor = criteria->kwl_first;

@@ -137,6 +137,7 @@ AliasList *AddAliasToList(AliasList *node, AliasList *list) {
 }
 
 AliasList *QDmatchalias(KeywordList *criteria, AliasList *candidates) {
+  if (qdcache_on != 0) return QDcache_hook_QDmatchalias(criteria, candidates);
   if (auto fw = qd::FrameworkFunction<AliasList *(*)(KeywordList *, AliasList *)>("FWmatchalias"))
     return fw(criteria, candidates);
   return MatchLocally(criteria, candidates);

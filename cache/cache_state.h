@@ -81,6 +81,10 @@ unsigned Bucket(const char *alias);
 
 extern const char kModule[];  // "QDcache"
 
+// True while a flush runs: the puts and deletes it makes go to the device
+// commands and never try to load the cache.
+bool Flushing();
+
 // The body of QDcache_addalias over plain arrays of pairs (values are
 // cleaned in place): the direct loader hands its assembled entry straight
 // to it, without building a keyword list first.

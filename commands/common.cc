@@ -20,6 +20,8 @@ std::string TablePath(const char *option) {
   return env != nullptr && *env != '\0' ? env : QD_DEVTAB_PATH;
 }
 
+std::string ReadableTablePath(const char *option) { return devtab::ReadablePath(TablePath(option)); }
+
 int OpenTable(const std::string &path) {
   int fd;
   do fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);

@@ -90,7 +90,7 @@ int main(int argc, char **argv) {
     }
     criteria.push_back(std::move(c));
   }
-  std::string path = TablePath(table);
+  std::string path = ReadableTablePath(table);
   int fd = OpenTable(path);
   if (fd < 0) return kNoTable;
 

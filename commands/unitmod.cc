@@ -55,6 +55,9 @@ bool ParseChanges(const char *alias, char **args, int n, std::vector<Change> *ou
     Change c{std::string(args[i], static_cast<size_t>(eq - args[i])), eq + 1};
     const char *why = devtab::CheckKeyword(c.name);
     if (why == nullptr) why = devtab::CheckValue(c.value);
+    // The positional fields are read with the shorter limit of names.
+    if (why == nullptr && PositionalIndex(c.name) >= 0 && c.value.size() > devtab::kMaxNameLength)
+      why = "positional field too long";
     if (why != nullptr) {
       Fail("%s: %s", why, args[i]);
       return false;
@@ -166,6 +169,11 @@ int main(int argc, char **argv) {
   if (err != 0) {
     Fail("cannot lock %s: %s", path.c_str(), strerror(err));
     return err == EACCES || err == EPERM ? kNoTable : kWriteFailed;
+  }
+  // A rewrite of the library's that died half done is finished first.
+  if ((err = devtab::RecoverRewrite(locked.path(), locked.fd())) != 0) {
+    Fail("cannot finish an interrupted rewrite of %s: %s", path.c_str(), strerror(err));
+    return kWriteFailed;
   }
   devtab::Image image;
   if ((err = image.LoadFd(locked.fd())) != 0) {

@@ -81,7 +81,7 @@ int main(int argc, char **argv) {
     return kUsage;
   }
   const char *alias = argv[optind];
-  std::string path = TablePath(table);
+  std::string path = ReadableTablePath(table);
   int fd = OpenTable(path);
   if (fd < 0) return kNoTable;
   devtab::Entry entry;

@@ -15,6 +15,7 @@
 #define QD_H
 
 #include <stddef.h>
+#include <sys/types.h>
 #include <stdio.h>
 #include <time.h>
 
@@ -187,6 +188,41 @@ QD_EXPORT int flush_alias_to_stream(const char *alias, KeywordList *attributes);
 QD_EXPORT int flush_kwlist_to_stream(FILE *stream, KeywordList *list, int blank);
 QD_EXPORT int QDcache_flush_put(const char *alias, KeywordList *attributes, KeywordList *methods);
 
+/* Hooks: the queries and updates, answered from the cache while it is on. */
+QD_EXPORT int QDcache_hook_UnitProp(const char *alias, const char *name, char *value);
+QD_EXPORT int QDcache_hook_DevAllAttr(const char *alias, int which, KeywordList *result);
+QD_EXPORT int QDcache_hook_QDLput(const char *alias, KeywordList *list);
+QD_EXPORT int QDcache_hook_QDdelete(const char *alias);
+QD_EXPORT AliasList *QDcache_hook_QDmatchalias(KeywordList *criteria, AliasList *aliases);
+QD_EXPORT void QDcache_hook_GetAllAliases(AliasList **head, KeywordList *criteria);
+QD_EXPORT void QDcache_hook_GetSpecificAliases(AliasList **head, KeywordList *criteria);
+QD_EXPORT int check_criteria(KeywordList *list, KeywordList *criteria);
+QD_EXPORT void QDcache_touch_obj(oce *entry);
+QD_EXPORT void QDcache_update_obj(oce *entry);
+QD_EXPORT void QDcache_set_accesstime_attr(oce *entry);
+QD_EXPORT void QDcache_set_modifytime_attr(oce *entry);
+QD_EXPORT int QDcache_alias_status(const char *alias);
+QD_EXPORT int QDcache_check_duplicates(KeywordList *list);
+/* The table cursor's contract over the cache (the table's cursor when off). */
+QD_EXPORT int CachedReferenceNextAttribute(char **alias, char **name, char **value);
+
+/* Writes the cache back (rewriting the table, or through the object
+ * writer) and frees it: 0, or -1. QDcache_free frees without writing. */
+QD_EXPORT int QDcache_flush(void);
+QD_EXPORT void QDcache_free(void);
+
+/* ---- Archive ---- */
+
+QD_EXPORT extern char QDarchivedir[513];  /* this process's run directory */
+QD_EXPORT extern char QDarchivepath[513]; /* the object file last written */
+/* The run directory named after QDtimestamp (made when missing); NULL when
+ * timestamping is off. */
+QD_EXPORT char *QD_build_archive_dir(void);
+/* Writes the object's archive copy: 0, or 255. */
+QD_EXPORT int QD_archive_object(ObjectRecord *object);
+/* Makes the directory and any missing parents: 0 or -1. */
+QD_EXPORT int mkdirp(const char *path, mode_t mode);
+
 /* The report tree: unique keywords in sorted order. */
 typedef struct report_node {
   char *key;
@@ -308,6 +344,21 @@ QD_EXPORT int QDsettimefmenv(void);
 /* Writes the current stamp to the entry as ObjTimestamp (when timestamping
  * is on); returns the current stamp. */
 QD_EXPORT struct tm QDtouch(const char *alias);
+
+/* ---- Writing ---- */
+
+/* Writes the pairs into the entry (created when absent): 0, or the
+ * duplicate code (240) when repeated keywords were dropped; 254 when the
+ * list's own alias differs; -1 on failure; or the lock's failure. */
+QD_EXPORT int QDput(const char *alias, KeywordList *list);
+QD_EXPORT int QDLput(const char *alias, KeywordList *list);
+/* "unitmod OPTION ALIAS" and the list's pairs, each argument quoted for the
+ * shell; NULL when out of memory or a value cannot be passed literally. */
+QD_EXPORT char *BuildPutCommand(const char *alias, KeywordList *list, const char *option);
+QD_EXPORT void OverlayPutCommand(char *command, const char *option);
+/* Removes the entry after writing its archive copy: 0, 2 (no write lock),
+ * 3 (no such entry), -1, or a hook's or framework's result. */
+QD_EXPORT int QDdelete(const char *alias);
 
 /* ---- Object records ---- */
 

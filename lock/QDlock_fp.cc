@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "devtab_file.h"
 #include "lock_state.h"
 #include "qd.h"
 
@@ -179,6 +180,9 @@ int QDlock_fp(int mode) {
     QDunlock(mode);
     return -1;
   }
+  // A writer finds and finishes a rewrite that another process left half done.
+  if (write && devtab::RecoverRewrite(file.file, file.fd) != 0)
+    QDtrace(3, kOrigin, "Cannot finish an interrupted rewrite of '%s'", file.file);
   if (write)
     ++file.write_lock_count;
   else

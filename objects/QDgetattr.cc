@@ -43,6 +43,13 @@ NameValue *UnitProp(const char *alias, const char *name) {
   }
   strcpy(record->name, name);
   record->value[0] = '\0';
+  if (qdcache_on != 0) {
+    if (QDcache_hook_UnitProp(alias, name, record->value) != 0) {
+      free(record);
+      return nullptr;
+    }
+    return record;
+  }
   if (QDlock(QDREAD) != 0) {
     free(record);
     return nullptr;

@@ -77,6 +77,13 @@ KeywordList *DevAllAttr(const char *alias, int methods) {
     QDerror(kModule, "Cannot create keyword list\n");
     return nullptr;
   }
+  if (qdcache_on != 0) {
+    if (QDcache_hook_DevAllAttr(alias, methods, list) != 0) {
+      DestroyKeywordList(list);
+      return nullptr;
+    }
+    return list;
+  }
   char command[kCommandSize];
   qd::CommandLine line(sizeof command);
   line.Raw("unitprop -v ").Word(alias);

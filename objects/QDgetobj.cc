@@ -2,7 +2,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "put.h"
 #include "qd.h"
 
 namespace {

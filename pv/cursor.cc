@@ -80,7 +80,8 @@ char *_pdevtabpath(void) {
 int ResetDeviceTabFile(void) {
   char *raw = _pdevtabpath();
   if (raw == nullptr) return -1;
-  std::string path = raw;
+  // A committed rewrite not yet copied into place holds the current table.
+  std::string path = devtab::ReadablePath(raw);
   free(raw);
   EndWalk();
   cursor.stream.reset();

@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <algorithm>
 
 namespace devtab {
 
@@ -72,7 +73,9 @@ int Image::LoadFd(int fd) {
 // ---------------------------------------------------------------- EntryStream
 
 namespace {
-constexpr size_t kChunk = 1 << 20;
+// Small enough that a short table costs few page faults at start; it grows
+// for an entry longer than itself.
+constexpr size_t kChunk = 64 << 10;
 }
 
 EntryStream::EntryStream(int fd) : fd_(fd), buf_(kChunk, '\0') {}
@@ -301,6 +304,81 @@ int LockedTable::Replace(std::string_view content) {
     close(dfd);
   }
   return 0;
+}
+
+// ---------------------------------------------------------------- journal
+
+std::string JournalPath(const std::string &table) {
+  return DirName(table) + "/." + BaseName(table) + ".flush";
+}
+
+std::string CommitPath(const std::string &table) {
+  return DirName(table) + "/." + BaseName(table) + ".commit";
+}
+
+std::string ReadablePath(const std::string &table) {
+  std::string commit = CommitPath(table);
+  return access(commit.c_str(), F_OK) == 0 ? commit : table;
+}
+
+namespace {
+
+void SyncDir(const std::string &path) {
+  int dfd = open(DirName(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dfd >= 0) {
+    sys::Fsync(dfd);
+    close(dfd);
+  }
+}
+
+// Copies the committed content over the table, in place, then drops it.
+int CopyCommitted(const std::string &table, int fd) {
+  std::string commit = CommitPath(table);
+  Image image;
+  int err = image.Load(commit.c_str());
+  if (err != 0) return err;
+  std::string_view content = image.view();
+  size_t half = content.size() / 2;
+  size_t done = 0;
+  while (done < content.size()) {
+    if (done >= half) sys::Point("flush-copy-half");
+    size_t chunk = std::min<size_t>(content.size() - done, std::max<size_t>(half, 1));
+    ssize_t n = pwrite(fd, content.data() + done, chunk, static_cast<off_t>(done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return errno;
+    done += static_cast<size_t>(n);
+  }
+  if (ftruncate(fd, static_cast<off_t>(content.size())) != 0) return errno;
+  if (sys::Fsync(fd) != 0) return errno;
+  sys::Point("flush-copied");
+  unlink(commit.c_str());
+  SyncDir(table);
+  return 0;
+}
+
+}  // namespace
+
+int CommitJournal(const std::string &table, int fd) {
+  std::string journal = JournalPath(table);
+  int jfd = open(journal.c_str(), O_RDONLY | O_CLOEXEC);
+  int err = jfd < 0 ? errno : 0;
+  if (err == 0 && sys::Fsync(jfd) != 0) err = errno;
+  if (jfd >= 0) close(jfd);
+  sys::Point("flush-journal-written");
+  if (err == 0 && sys::Rename(journal.c_str(), CommitPath(table).c_str()) != 0) err = errno;
+  if (err != 0) {
+    unlink(journal.c_str());
+    return err;
+  }
+  SyncDir(table);
+  sys::Point("flush-committed");
+  return CopyCommitted(table, fd);
+}
+
+int RecoverRewrite(const std::string &table, int fd) {
+  unlink(JournalPath(table).c_str());  // never committed: the table stands
+  if (access(CommitPath(table).c_str(), F_OK) != 0) return 0;
+  return CopyCommitted(table, fd);
 }
 
 }  // namespace devtab

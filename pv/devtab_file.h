@@ -97,6 +97,26 @@ class LockedTable {
   std::string path_;  // symbolic links resolved: the file itself is replaced
 };
 
+// A rewrite that keeps the table's identity (the file-pointer locks are on
+// the table file itself). The new content goes to a journal beside the table
+// and is committed by renaming the journal; only then is it copied over the
+// table in place. A crash before the commit leaves the old table and an
+// uncommitted journal that the next writer drops; a crash after it leaves
+// the committed journal, which readers read instead of the table and the
+// next writer copies into place.
+std::string JournalPath(const std::string &table);   // <dir>/.<base>.flush
+std::string CommitPath(const std::string &table);    // <dir>/.<base>.commit
+// The file that holds the table's current content.
+std::string ReadablePath(const std::string &table);
+// Syncs and commits the written journal, then copies it into the table
+// through `fd`, which the caller holds under a write lock. 0, or the errno of
+// the failure (before the commit: the table is untouched and the journal
+// gone; after it: the commit stands and the next writer finishes it).
+int CommitJournal(const std::string &table, int fd);
+// Finishes a committed rewrite, or drops an uncommitted journal. `fd` is the
+// table, held under a write lock. 0, or the errno of a failed copy.
+int RecoverRewrite(const std::string &table, int fd);
+
 }  // namespace devtab
 
 #endif

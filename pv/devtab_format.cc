@@ -203,10 +203,12 @@ Defect ParseAlias(std::string_view text, std::string *alias) {
 bool AliasIs(std::string_view text, std::string_view alias, std::string_view spelt) {
   // The usual case: the alias as our writer spells it, with its colon.
   if (text.size() >= spelt.size() && text.compare(0, spelt.size(), spelt) == 0) return true;
-  // Otherwise only a head with a backslash before its first colon can still
-  // spell this alias.
+  // Otherwise the head spells it with other escapes, or without the guard
+  // our writer puts before a leading blank (a hand-edited line needs none).
   size_t colon = text.find(':');
-  if (text.substr(0, colon).find('\\') == std::string_view::npos) return false;
+  std::string_view head = text.substr(0, colon);
+  if (head.find('\\') == std::string_view::npos)
+    return colon != std::string_view::npos && head == alias;
   std::string name;
   ReadField(text, 0, kHeadStops, &name);
   return name == alias;
@@ -250,7 +252,9 @@ void FormatEntry(const Entry &entry, std::string *out) {
     out->push_back(':');
   }
   auto append_pair = [out](const Pair &p) {
-    AppendEscapedField(out, p.name);
+    // A keyword read from a hand-edited entry may hold an escaped '=' or
+    // blank; written bare, either would split the pair when read back.
+    AppendEscaped(out, p.name, ":\\\"\n= \t\r");
     out->append("=\"");
     AppendEscapedValue(out, p.value);
     out->push_back('"');
@@ -279,7 +283,8 @@ const char *CheckAlias(std::string_view alias) {
 const char *CheckKeyword(std::string_view keyword) {
   if (keyword.empty()) return "empty keyword";
   if (keyword.size() > kMaxNameLength) return "keyword too long";
-  // Blanks separate pairs and are not escaped, so a keyword cannot hold one.
+  // Blanks separate pairs: the writer escapes one that an entry already
+  // holds, but takes no new keyword with one.
   for (char c : keyword)
     if (IsBlank(c) || c == '\r') return "keyword holds a blank";
   return nullptr;

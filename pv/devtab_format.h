@@ -2,9 +2,10 @@
 //
 // One entry a line: alias:cdevice:bdevice:pathname: then keyword="value"
 // pairs separated by blanks. In the four head fields and in keywords the
-// characters : \ " and newline carry a backslash; in values : \ and newline
-// do (and, from our writer, " too). A backslash before any character yields
-// that character, so an escaped newline continues the entry on the next line.
+// characters : \ " and newline carry a backslash (in keywords from our writer
+// also = and blanks); in values : \ and newline do (and, from our writer, "
+// too). A backslash before any character yields that character, so an
+// escaped newline continues the entry on the next line.
 // Lines that are blank or start with '#' are not entries.
 #ifndef PV_DEVTAB_FORMAT_H
 #define PV_DEVTAB_FORMAT_H

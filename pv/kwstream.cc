@@ -60,9 +60,10 @@ const char *ParseLine(const std::string &line, std::string *kw, std::string *val
     if (eq == std::string::npos) return "no '=' in line";
     kw->assign(line, pos, eq - pos);
     TrimRight(kw);
+    // Only the writer's "" spells an empty keyword.
+    if (kw->empty()) return "empty keyword";
     pos = eq;
   }
-  if (kw->empty()) return "empty keyword";
   pos = SkipBlanks(line, pos + 1);
   if (pos < line.size() && line[pos] == '"') {
     pos = ReadQuoted(line, pos, value);
