@@ -1,6 +1,7 @@
 // Archive copies of objects: one file per object in a run directory named
 // after the process's current time stamp.
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "qd.h"
@@ -12,8 +13,18 @@ char QDarchivepath[513] = "";  // the object file last written
 }
 
 namespace {
+
 const char kModule[] = "QDarchive";
+
+const char *ArchiveDir() {
+#ifdef QD_FAULT_INJECTION
+  // Test builds may give each test an archive of its own.
+  if (const char *dir = getenv("QD_ARCHIVE_DIR_PATH")) return dir;
+#endif
+  return QD_ARCHIVE_DIR;
 }
+
+}  // namespace
 
 extern "C" {
 
@@ -23,7 +34,7 @@ char *QD_build_archive_dir(void) {
   snprintf(QDarchivepath, sizeof QDarchivepath, "%4d:%02d:%02d:%02d:%02d:%02d",
            QDtimestamp.tm_year + 1900, QDtimestamp.tm_mon + 1, QDtimestamp.tm_mday,
            QDtimestamp.tm_hour, QDtimestamp.tm_min, QDtimestamp.tm_sec);
-  int n = snprintf(QDarchivedir, sizeof QDarchivedir, "%s/%s", QD_ARCHIVE_DIR, QDarchivepath);
+  int n = snprintf(QDarchivedir, sizeof QDarchivedir, "%s/%s", ArchiveDir(), QDarchivepath);
   if (n < 0 || static_cast<size_t>(n) >= sizeof QDarchivedir) {
     QDarchivedir[0] = '\0';
     return nullptr;

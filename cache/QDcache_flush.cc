@@ -4,6 +4,8 @@
 // lock, through a journal: the entries are written beside the table and
 // committed before the table itself is touched, so a crash or a full disk
 // at any moment leaves the old table or (after the commit) the new one.
+#include <fcntl.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -21,6 +23,40 @@ using qdcache::kModule;
 namespace {
 
 bool flushing = false;  // set while a flush runs
+
+// The journal as a stream whose writes pass the file seam (so that a full
+// disk can be simulated).
+ssize_t JournalWrite(void *cookie, const char *buf, size_t size) {
+  int fd = *static_cast<int *>(cookie);
+  size_t done = 0;
+  while (done < size) {
+    ssize_t n = devtab::sys::Write(fd, buf + done, size - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return done > 0 ? static_cast<ssize_t>(done) : -1;
+    done += static_cast<size_t>(n);
+  }
+  return static_cast<ssize_t>(done);
+}
+
+int JournalClose(void *cookie) {
+  int *fd = static_cast<int *>(cookie);
+  int rc = close(*fd);
+  delete fd;
+  return rc;
+}
+
+FILE *OpenJournal(const std::string &path) {
+  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) return nullptr;
+  cookie_io_functions_t io = {nullptr, JournalWrite, nullptr, JournalClose};
+  int *cookie = new int(fd);
+  FILE *f = fopencookie(cookie, "w", io);
+  if (f == nullptr) {
+    close(fd);
+    delete cookie;
+  }
+  return f;
+}
 
 int Elapsed(long since) { return static_cast<int>(time(nullptr) - since); }
 
@@ -71,7 +107,7 @@ int QDcache_flush(void) {
       return -1;
     }
     table = qdlock::file.file;
-    journal = fopen(devtab::JournalPath(table).c_str(), "we");
+    journal = OpenJournal(devtab::JournalPath(table));
     if (journal == nullptr) {
       QDtrace(2, kModule, "Cannot reset device table file for cache flush, errno %d", errno);
       QDunlock_fp(QDWRITE);

@@ -338,6 +338,16 @@ int CopyCommitted(const std::string &table, int fd) {
   int err = image.Load(commit.c_str());
   if (err != 0) return err;
   std::string_view content = image.view();
+  // The descriptor may be in append mode (a stream opened "a+" on it), in
+  // which Linux ignores pwrite's offset: append mode is off for the copy.
+  int flags = fcntl(fd, F_GETFL);
+  if (flags >= 0 && (flags & O_APPEND) != 0) fcntl(fd, F_SETFL, flags & ~O_APPEND);
+  struct Restore {
+    int fd, flags;
+    ~Restore() {
+      if (flags >= 0 && (flags & O_APPEND) != 0) fcntl(fd, F_SETFL, flags);
+    }
+  } restore{fd, flags};
   size_t half = content.size() / 2;
   size_t done = 0;
   while (done < content.size()) {

@@ -1,0 +1,68 @@
+// A sandbox for cache tests: its own settings file and archive directory,
+// and helpers to read what the cache and the archive hold.
+#ifndef TESTS_CACHE_FIXTURE_H
+#define TESTS_CACHE_FIXTURE_H
+
+#include <gtest/gtest.h>
+#include <dirent.h>
+
+#include <cstdlib>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "qd.h"
+#include "sandbox.h"
+
+class CacheTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    setenv("TAV_LIBQDRC", box_.Path("rc").c_str(), 1);
+    setenv("QD_ARCHIVE_DIR_PATH", box_.Path("archive").c_str(), 1);
+    unsetenv("QD_TIMESTAMP");
+  }
+  void Settings(const std::string &text) const { testing_support::WriteFile(box_.Path("rc"), text); }
+
+  static std::map<std::string, std::string> Pairs(KeywordList *list) {
+    std::map<std::string, std::string> m;
+    list->kwl_cursor = list->kwl_first;
+    char *kw, *value;
+    int st;
+    while ((st = ReferenceNextKeywordInList(list, &kw, &value)) == KWL_OK || st == KWL_WARN) m[kw] = value;
+    return m;
+  }
+  static std::string Attr(const char *alias, const char *name) {
+    oce *e = QDcache_find_alias(alias);
+    if (e == nullptr) return "<no entry>";
+    char *kw, *value;
+    if (ReferenceKeywordInList(e->objptr->attributes, name, &kw, &value) == 0) return value;
+    if (ReferenceKeywordInList(e->objptr->methods, name, &kw, &value) == 0) return value;
+    return "<none>";
+  }
+  // Files under the archive directory, as "rundir/alias".
+  std::vector<std::string> Archived() const {
+    std::vector<std::string> out;
+    std::string root = box_.Path("archive");
+    if (DIR *d = opendir(root.c_str())) {
+      while (dirent *run = readdir(d)) {
+        if (run->d_name[0] == '.') continue;
+        if (DIR *r = opendir((root + "/" + run->d_name).c_str())) {
+          while (dirent *f = readdir(r))
+            if (f->d_name[0] != '.') out.push_back(std::string(run->d_name) + "/" + f->d_name);
+          closedir(r);
+        }
+      }
+      closedir(d);
+    }
+    return out;
+  }
+  static KeywordList *List(std::initializer_list<std::pair<const char *, const char *>> pairs) {
+    KeywordList *l = CreateKeywordList();
+    for (auto &p : pairs) AddKeywordToList(l, p.first, p.second);
+    return l;
+  }
+
+  testing_support::Sandbox box_;
+};
+
+#endif

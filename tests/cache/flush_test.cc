@@ -1,0 +1,96 @@
+// Writing the cache back: both modes, the state afterwards, and a table
+// that keeps its identity through a direct flush.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+
+#include "cache_fixture.h"
+#include "trace_capture.h"
+
+namespace {
+
+using testing_support::ReadFile;
+using testing_support::WriteFile;
+
+class Flush : public CacheTest {};
+
+TEST_F(Flush, AnUnloadedCacheWritesNothing) {
+  std::string before = box_.ReadTable();
+  EXPECT_EQ(QDcache_flush(), 0);
+  EXPECT_EQ(box_.ReadTable(), before);
+}
+
+TEST_F(Flush, ADirectFlushRewritesInReverseOrderInPlace) {
+  box_.WriteTable("a:/dev/a:::k=\"1\"\n"
+                  "b::::ObjTimestamp=\"0097,02,14,09,05,03,5,072,00\" z=\"2\"\n"
+                  "c:::/p:runcmd=\"x\"\n");
+  struct stat before, after;
+  ASSERT_EQ(stat(box_.table().c_str(), &before), 0);
+  ASSERT_EQ(QDcache_load(), 0);
+  ASSERT_EQ(QDcache_flush(), 0);
+  EXPECT_EQ(box_.ReadTable(),
+            "c:::/p: runcmd=\"x\"\n"
+            "b::::z=\"2\" ObjTimestamp=\"0097,02,14,09,05,03,5,072,00\"\n"
+            "a:/dev/a:::k=\"1\"\n");
+  ASSERT_EQ(stat(box_.table().c_str(), &after), 0);
+  EXPECT_EQ(after.st_ino, before.st_ino) << "the table keeps its identity";
+  EXPECT_EQ(qdcache_on, 0);
+  EXPECT_EQ(qdcache_free, 1);
+  EXPECT_EQ(qdchash_tbl, nullptr);
+  EXPECT_NE(access(box_.Path(".units.tab.commit").c_str(), F_OK), 0);
+  EXPECT_NE(access(box_.Path(".units.tab.flush").c_str(), F_OK), 0);
+}
+
+TEST_F(Flush, FreeingTwiceOnlyTraces) {
+  TraceCapture trace(box_, 5);
+  ASSERT_EQ(QDcache_load(), 0);
+  QDcache_free();
+  QDcache_free();
+  EXPECT_TRUE(trace.Has("Cache already free"));
+}
+
+// In object-writer mode the flush hands changed objects to unitmod; a
+// stand-in records what it is asked to do.
+TEST_F(Flush, TheObjectWriterWritesOnlyWhatChanged) {
+  Settings("directsave=0\n");
+  setenv("QD_TIMESTAMP", "0126,10,22,10,00,00,0,325,00", 1);
+  box_.WriteTable("stale:::: k=\"1\" ObjTimestamp=\"0097,02,14,09,05,03,5,072,00\"\n"
+                  "touched:::: k=\"2\" ObjTimestamp=\"0097,02,14,09,05,03,5,072,00\"\n"
+                  "changed:::: k=\"3\" ObjTimestamp=\"0097,02,14,09,05,03,5,072,00\"\n");
+  std::string bin = box_.Path("bin");
+  mkdir(bin.c_str(), 0755);
+  WriteFile(bin + "/unitmod", "#!/bin/sh\nfor a; do printf '<%s>' \"$a\"; done >> '" + box_.Path("log") +
+                                  "'\necho >> '" + box_.Path("log") + "'\n");
+  chmod((bin + "/unitmod").c_str(), 0755);
+  setenv("PATH", (bin + ":" + getenv("PATH")).c_str(), 1);
+  ASSERT_EQ(QDcache_load(), 0);
+  QDcache_touch_obj(QDcache_find_alias("touched"));
+  KeywordList *change = List({{"k", "33"}});
+  QDcache_hook_QDLput("changed", change);
+  DestroyKeywordList(change);
+  ASSERT_EQ(QDcache_flush(), 0);
+  std::string log = ReadFile(box_.Path("log"));
+  EXPECT_EQ(log.find("<stale>"), std::string::npos) << log;
+  EXPECT_NE(log.find("<-m><touched><ObjTimestamp=0126,10,22,10,00,00,0,325,00>\n"), std::string::npos) << log;
+  EXPECT_NE(log.find("<-d><changed>\n"), std::string::npos) << log;
+  EXPECT_NE(log.find("<-m><changed><pathname=><ObjModifyTime=0126,10,22,10,00,00,0,325,00><k=33>"),
+            std::string::npos)
+      << log;
+  EXPECT_EQ(qdcache_free, 1);
+}
+
+TEST_F(Flush, APutWithDirectSavingRewritesTheTable) {
+  KeywordList *l = List({{"state", "offline"}, {"note", "moved: rack 4"}});
+  EXPECT_EQ(QDput("disk1", l), 0);
+  DestroyKeywordList(l);
+  EXPECT_EQ(qdcache_on, 0) << "the put loaded the cache and flushed it";
+  auto r = testing_support::RunProgram({testing_support::Command("unitprop"), "disk1", "note"});
+  EXPECT_EQ(r.out, "moved: rack 4\n");
+  r = testing_support::RunProgram({testing_support::Command("unitprop"), "disk1", "state"});
+  EXPECT_EQ(r.out, "offline\n");
+  r = testing_support::RunProgram({testing_support::Command("unitlist")});
+  EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 32);
+}
+
+}  // namespace
