@@ -70,6 +70,7 @@ TEST_F(Hooks, StaleEntriesAreLeftOutOfCriteriaListsOnly) {
   EXPECT_STREQ(some->alias, "new");
   EXPECT_EQ(some->next, nullptr);
   QDFreeAliasList(some);
+  some = nullptr;
   AliasList *all = nullptr;
   QDcache_hook_GetAllAliases(&all, nullptr);
   ASSERT_NE(all, nullptr);
