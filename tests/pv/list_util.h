@@ -1,0 +1,46 @@
+// Small helpers for looking at keyword lists from the tests.
+#ifndef TESTS_PV_LIST_UTIL_H
+#define TESTS_PV_LIST_UTIL_H
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "pv.h"
+
+namespace pvtest {
+
+struct ListDeleter {
+  void operator()(KeywordList *list) const { DestroyKeywordList(list); }
+};
+using List = std::unique_ptr<KeywordList, ListDeleter>;
+
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+
+inline List MakeList(const Pairs &pairs) {
+  List list(CreateKeywordList());
+  for (const auto &p : pairs) AddKeywordToList(list.get(), p.first.c_str(), p.second.c_str());
+  return list;
+}
+
+// Whatever the iteration yields from where the cursor stands now.
+inline Pairs Rest(KeywordList *list) {
+  Pairs out;
+  char *kw = nullptr;
+  char *value = nullptr;
+  int rc;
+  while ((rc = ReferenceNextKeywordInList(list, &kw, &value)) == KWL_OK || rc == KWL_WARN)
+    out.emplace_back(kw, value);
+  return out;
+}
+
+// Every entry, restarting the way callers do.
+inline Pairs All(KeywordList *list) {
+  list->kwl_cursor = list->kwl_first;
+  return Rest(list);
+}
+
+}  // namespace pvtest
+
+#endif
