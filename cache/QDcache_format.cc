@@ -10,10 +10,28 @@
 
 namespace {
 
-const char kSpecials[] = ":\\\"\n";
 constexpr size_t kPairBuffer = 4096;
 
-bool Special(char c) { return c != '\0' && strchr(kSpecials, c) != nullptr; }
+// The characters that take a backslash: colon, backslash, double quote, newline.
+struct SpecialTable {
+  bool special[256] = {};
+  SpecialTable() {
+    for (unsigned char c : {':', '\\', '"', '\n'}) special[c] = true;
+  }
+};
+const SpecialTable kSpecial;
+
+bool Special(char c) { return kSpecial.special[static_cast<unsigned char>(c)]; }
+
+// The writer's buffers, kept from entry to entry: a flush writes every entry.
+std::string &HeadBuffer() {
+  static std::string buffer;
+  return buffer;
+}
+std::string &PairBuffer() {
+  static std::string buffer;
+  return buffer;
+}
 
 }  // namespace
 
@@ -64,7 +82,8 @@ int flush_alias_to_stream(const char *alias, KeywordList *attributes) {
     else
       values[i] = nullptr;
   }
-  std::string head(need < 512 ? 512 : need + 1, '\0');
+  std::string &head = HeadBuffer();
+  head.assign(need < 512 ? 512 : need + 1, '\0');
   // An alias that starts like a comment or blank line would be skipped by
   // readers: its first character takes a backslash too.
   bool guard = *alias == '#' || *alias == ' ' || *alias == '\t';
@@ -90,7 +109,8 @@ int flush_kwlist_to_stream(FILE *stream, KeywordList *list, int blank) {
   int rc = ValidKeywordList(list);
   if (rc != 0) return rc;
   list->kwl_cursor = list->kwl_first;
-  std::string buffer;
+  std::string &buffer = PairBuffer();
+  buffer.clear();
   buffer.reserve(kPairBuffer);
   auto write_out = [&]() {
     if (fprintf(stream, "%s", buffer.c_str()) < 0) {

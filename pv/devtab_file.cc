@@ -331,9 +331,46 @@ void SyncDir(const std::string &path) {
   }
 }
 
+int FinishCopy(const std::string &table, int fd, size_t size) {
+  if (ftruncate(fd, static_cast<off_t>(size)) != 0) return errno;
+  if (sys::Fsync(fd) != 0) return errno;
+  sys::Point("flush-copied");
+  unlink(CommitPath(table).c_str());
+  SyncDir(table);
+  return 0;
+}
+
 // Copies the committed content over the table, in place, then drops it.
+// The kernel copies between the files; a file system that cannot falls back
+// to reading and writing through memory.
 int CopyCommitted(const std::string &table, int fd) {
   std::string commit = CommitPath(table);
+  int in = open(commit.c_str(), O_RDONLY | O_CLOEXEC);
+  if (in < 0) return errno;
+  struct stat st;
+  if (fstat(in, &st) != 0) {
+    int err = errno;
+    close(in);
+    return err;
+  }
+  size_t size = static_cast<size_t>(st.st_size);
+  int flags0 = fcntl(fd, F_GETFL);
+  if (flags0 >= 0 && (flags0 & O_APPEND) != 0) fcntl(fd, F_SETFL, flags0 & ~O_APPEND);
+  loff_t from = 0, to = 0;
+  bool copied = true;
+  while (static_cast<size_t>(from) < size) {
+    if (static_cast<size_t>(from) >= size / 2) sys::Point("flush-copy-half");
+    size_t chunk = std::min<size_t>(size - static_cast<size_t>(from), std::max<size_t>(size / 2, 1));
+    ssize_t n = copy_file_range(in, &from, fd, &to, chunk, 0);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      copied = false;
+      break;
+    }
+  }
+  close(in);
+  if (flags0 >= 0 && (flags0 & O_APPEND) != 0) fcntl(fd, F_SETFL, flags0);
+  if (copied) return FinishCopy(table, fd, size);
   Image image;
   int err = image.Load(commit.c_str());
   if (err != 0) return err;
@@ -358,12 +395,7 @@ int CopyCommitted(const std::string &table, int fd) {
     if (n < 0) return errno;
     done += static_cast<size_t>(n);
   }
-  if (ftruncate(fd, static_cast<off_t>(content.size())) != 0) return errno;
-  if (sys::Fsync(fd) != 0) return errno;
-  sys::Point("flush-copied");
-  unlink(commit.c_str());
-  SyncDir(table);
-  return 0;
+  return FinishCopy(table, fd, content.size());
 }
 
 }  // namespace
