@@ -6,7 +6,6 @@
 #include <ctime>
 #include <initializer_list>
 
-#include "put.h"
 #include "qd.h"
 
 extern "C" {
