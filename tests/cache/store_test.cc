@@ -16,6 +16,11 @@ namespace {
 class Store : public testing::Test {
  protected:
   void SetUp() override { ASSERT_EQ(QDcache_hash_init(), 0); }
+  void TearDown() override {
+    while (qdcache_ocp->next != qdcache_ocp) QDcache_rmobj(qdcache_ocp->next);
+    free(qdchash_tbl);
+    qdchash_tbl = nullptr;
+  }
   static oce *Add(const char *alias, std::initializer_list<std::pair<const char *, const char *>> pairs,
                   unsigned char status = 1) {
     KeywordList *list = CreateKeywordList();
@@ -38,6 +43,7 @@ TEST_F(Store, TheCharacterSumHash) {
 
 TEST_F(Store, OneBucketHoldsEveryAliasInOneChain) {
   qdc_rc.aliashashsize = 1;
+  free(qdchash_tbl);  // the fixture's table, still empty
   ASSERT_EQ(QDcache_hash_init(), 0);
   for (int i = 0; i < 50; ++i) Add(("alias" + std::to_string(i)).c_str(), {});
   EXPECT_EQ(qdcache_info[10], 50u);
