@@ -4,7 +4,9 @@
 set -eu
 top=$(cd "$(dirname "$0")/.." && pwd)
 build=$top/build/release
-cmake -S "$top" -B "$build" -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF >/dev/null
+# A sandbox build: every fixed host path (archive, settings) lies below the
+# build tree, so the tour touches nothing outside it.
+cmake -S "$top" -B "$build" -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF -DQD_SANDBOX=ON >/dev/null
 cmake --build "$build" -j2 >/dev/null
 
 work=$(mktemp -d)
@@ -17,16 +19,24 @@ PATH="$build/commands:$build/examples:$PATH"
 if [ -t 1 ]; then bold=$(printf '\033[1m') plain=$(printf '\033[0m'); else bold='' plain=''; fi
 step() { printf '\n%s$ %s%s\n' "$bold" "$*" "$plain"; "$@"; }
 
+PATH="$build/tools/qdadm:$PATH"
 echo "A copy of the sample table: $TAV_DEVTAB"
-step unitlist
-step unitlist -a class=serial state=enabled
-step unitprop disk0 desc
-step unitprop -v net0
-step qdshow tape0
-step qdshow net0 restartfunc
+step qdadm list
+step qdadm list class=serial state=enabled
+step qdadm get disk0 desc
+step qdadm --json get tape0
+step qdadm methods net0
+step qdadm match class=network -- net0 disk1 net2
+step qdadm next tape
+step unitprop -v lp0
+step qdadm put net3 cdevice=/dev/net3 class=network address=10.1.2.3 'desc=Spare: port 4' 'upcmd=ifconfig net3 up'
+step qdadm get net3
 step unitmod -m tty07 state=enabled speed=57600
-step unitmod -a net3 cdevice=/dev/net3 class=network address=10.1.2.3 'desc=Spare: port 4' 'upcmd=ifconfig net3 up'
-step unitmod -d floppy0
-step qdshow net3
-printf '\n%sThe table, before and after:%s\n' "$bold" "$plain"
-diff "$work/before.tab" "$work/units.tab" || true
+step qdadm delete floppy0
+step qdadm lock write -- cat "$work/.units.tab"
+step qdadm --json cache stats
+printf '\n%sThe changed entries, before and after:%s\n' "$bold" "$plain"
+grep -E '^(tty07|floppy0|net3):' "$work/before.tab" | sed 's/^/before: /'
+grep -E '^(tty07|floppy0|net3):' "$work/units.tab" | sed 's/^/after:  /'
+echo "(The library's direct flush rewrites the whole table from its cache: entries in reverse order,"
+echo " attributes in descending order, comment lines dropped. unitmod changes one entry in place.)"

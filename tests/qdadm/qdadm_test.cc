@@ -1,0 +1,143 @@
+// qdadm as an administrator runs it: outputs in both formats, exit
+// statuses, errors for bad arguments, and nothing changed by a failure.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "sandbox.h"
+
+using testing_support::RunProgram;
+using testing_support::Sandbox;
+
+namespace {
+
+testing_support::RunResult Admin(std::vector<std::string> args) {
+  args.insert(args.begin(), QD_TEST_QDADM);
+  return RunProgram(args);
+}
+
+class Qdadm : public testing::Test {
+ protected:
+  void SetUp() override {
+    setenv("TAV_LIBQDRC", box_.Path("rc").c_str(), 1);
+    setenv("QD_ARCHIVE_DIR_PATH", box_.Path("archive").c_str(), 1);
+    unsetenv("QD_TIMESTAMP");
+  }
+  Sandbox box_;
+};
+
+TEST_F(Qdadm, ReadsInBothFormats) {
+  struct Case {
+    std::vector<std::string> args;
+    std::string out;
+  } cases[] = {
+      {{"get", "disk0", "desc"}, "desc=SCSI disk 0: 9.1 GB\n"},
+      {{"--json", "get", "disk0", "desc"}, "{\"desc\": \"SCSI disk 0: 9.1 GB\"}\n"},
+      {{"get", "lp0", "testcmd"}, "testcmd=echo test page | lp -d lp\n"},
+      {{"methods", "cdrom0"}, "ejectcmd=eject /dev/rdsk/cd0\n"},
+      {{"--json", "methods", "cdrom0"}, "{\"ejectcmd\": \"eject /dev/rdsk/cd0\"}\n"},
+      {{"list", "class=tape"}, "tape1\ntape0\n"},
+      {{"--json", "list", "class=tape"}, "[\"tape1\", \"tape0\"]\n"},
+      {{"match", "class=network", "--", "net0", "disk0", "net2"}, "net2\nnet0\n"},
+      {{"next", "tape", "tape1"}, "alias=tape0\n"},
+      {{"--json", "next", "tape"}, "{\"alias\": \"tape1\"}\n"},
+  };
+  for (const Case &c : cases) {
+    auto r = Admin(c.args);
+    EXPECT_EQ(r.status, 0) << testing::PrintToString(c.args) << r.err;
+    EXPECT_EQ(r.out, c.out) << testing::PrintToString(c.args);
+  }
+  auto obj = Admin({"--json", "get", "console"});
+  EXPECT_EQ(obj.out,
+            "{\"alias\": \"console\", \"attributes\": {\"cdevice\": \"/dev/console\", \"bdevice\": \"\", "
+            "\"pathname\": \"\", \"class\": \"serial\", \"type\": \"console\", \"speed\": \"9600\", "
+            "\"desc\": \"System console\", \"state\": \"enabled\"}, \"methods\": {}}\n");
+}
+
+TEST_F(Qdadm, WritesDeletesAndTouches) {
+  EXPECT_EQ(Admin({"put", "net3", "class=network", "desc=spare: \"4\"", "upcmd=ifconfig net3 up"}).status, 0);
+  EXPECT_EQ(Admin({"get", "net3", "desc"}).out, "desc=spare: 4\n") << "quotes do not survive the table";
+  EXPECT_EQ(Admin({"get", "net3", "upcmd"}).out, "upcmd=ifconfig net3 up\n");
+  EXPECT_EQ(Admin({"delete", "net3"}).status, 0);
+  EXPECT_EQ(Admin({"get", "net3"}).status, 3);
+  setenv("QD_TIMESTAMP", "0126,10,22,10,00,00,0,325,00", 1);
+  auto t = Admin({"touch", "tape0"});
+  EXPECT_EQ(t.out, "ObjTimestamp=0126,10,22,10,00,00,0,325,00\n");
+  EXPECT_EQ(Admin({"get", "tape0", "ObjTimestamp"}).out, "ObjTimestamp=0126,10,22,10,00,00,0,325,00\n");
+  EXPECT_EQ(Admin({"--json", "stamp"}).out,
+            "{\"stamp\": \"0126,10,22,10,00,00,0,325,00\", \"time\": \"2026-11-22 10:00:00\", "
+            "\"timestamping\": \"on\"}\n");
+}
+
+TEST_F(Qdadm, ErrorsChangeNothing) {
+  std::string before = box_.ReadTable();
+  struct Case {
+    std::vector<std::string> args;
+    int status;
+  } cases[] = {
+      {{"get"}, 254},
+      {{"bogus"}, 254},
+      {{"--bogus", "list"}, 254},
+      {{"-v", "x", "list"}, 254},
+      {{"put", "disk0", "novalue"}, 254},
+      {{"put", "disk0"}, 254},
+      {{"delete", "nosuch"}, 3},
+      {{"get", "nosuch"}, 3},
+      {{"get", "disk0", "nosuch"}, 3},
+      {{"methods", "disk0", "desc"}, 254},
+      {{"match", "class=disk", "disk0"}, 254},
+      {{"lock", "sideways"}, 254},
+      {{"lock", "write"}, 254},
+      {{"touch", "disk0"}, 242},
+      {{"cache", "bogus"}, 254},
+  };
+  for (const Case &c : cases) {
+    auto r = Admin(c.args);
+    EXPECT_EQ(r.status, c.status) << testing::PrintToString(c.args) << r.err;
+    EXPECT_FALSE(r.err.empty()) << testing::PrintToString(c.args);
+  }
+  EXPECT_EQ(box_.ReadTable(), before);
+}
+
+// Values never meet a shell on the way to the table.
+TEST_F(Qdadm, ValuesAreStoredLiterally) {
+  ASSERT_EQ(chdir(box_.dir().c_str()), 0);
+  EXPECT_EQ(Admin({"put", "disk0", "desc=$(touch pwned); `id`"}).status, 0);
+  EXPECT_EQ(Admin({"get", "disk0", "desc"}).out, "desc=$(touch pwned); `id`\n");
+  EXPECT_NE(access("pwned", F_OK), 0);
+}
+
+TEST_F(Qdadm, RunsACommandUnderTheLockWithoutAShell) {
+  auto r = Admin({"lock", "write", "--", "cat", box_.Path(".units.tab")});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find(":LOCK:write\n"), std::string::npos) << r.out;
+  r = Admin({"lock", "read", "--", "sh", "-c", "exit 7"});
+  EXPECT_EQ(r.status, 7);
+  EXPECT_EQ(Admin({"lock", "test"}).out, "lock=free\n");
+}
+
+TEST_F(Qdadm, CacheCommandsWithinOneRun) {
+  auto r = Admin({"cache", "stats"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_NE(r.out.find("entries=32\n"), std::string::npos);
+  EXPECT_NE(r.out.find("QDcache_addobj=32\n"), std::string::npos);
+  r = Admin({"--json", "cache", "flush"});
+  EXPECT_EQ(r.out, "{\"entries\": \"32\", \"flushed\": \"yes\"}\n");
+  EXPECT_EQ(Admin({"list"}).out.substr(0, 8), "floppy0\n") << "a direct flush writes in reverse";
+}
+
+TEST_F(Qdadm, HelpForEveryCommand) {
+  for (const char *c : {"get", "attrs", "methods", "put", "delete", "list", "match", "next", "touch", "stamp",
+                        "lock", "cache"}) {
+    auto r = Admin({c, "--help"});
+    EXPECT_EQ(r.status, 0) << c;
+    EXPECT_EQ(r.out.rfind(std::string("usage: qdadm ") + c, 0), 0u) << c;
+  }
+  EXPECT_EQ(Admin({"--help"}).status, 0);
+}
+
+}  // namespace

@@ -1,0 +1,91 @@
+#include "output.h"
+
+#include <cstdio>
+
+namespace qdadm {
+
+std::string JsonString(const std::string &s) {
+  std::string out = "\"";
+  for (unsigned char c : s) {
+    switch (c) {
+      case '"': out += "\\\""; break;
+      case '\\': out += "\\\\"; break;
+      case '\n': out += "\\n"; break;
+      case '\r': out += "\\r"; break;
+      case '\t': out += "\\t"; break;
+      default:
+        if (c < 0x20) {
+          char buf[8];
+          snprintf(buf, sizeof buf, "\\u%04x", c);
+          out += buf;
+        } else {
+          out.push_back(static_cast<char>(c));
+        }
+    }
+  }
+  return out + "\"";
+}
+
+namespace {
+
+std::string JsonObject(const Pairs &pairs) {
+  std::string out = "{";
+  for (size_t i = 0; i < pairs.size(); ++i)
+    out += (i ? ", " : "") + JsonString(pairs[i].first) + ": " + JsonString(pairs[i].second);
+  return out + "}";
+}
+
+// A keyword=value line; a value with a line break in it is written with
+// \n escapes so that one line stays one pair.
+void Line(const std::string &name, const std::string &value) {
+  std::string v;
+  for (char c : value) {
+    if (c == '\n')
+      v += "\\n";
+    else if (c == '\\')
+      v += "\\\\";
+    else
+      v.push_back(c);
+  }
+  printf("%s=%s\n", name.c_str(), v.c_str());
+}
+
+}  // namespace
+
+void Output::Value(const std::string &name, const std::string &value) {
+  if (json_)
+    printf("%s\n", JsonObject({{name, value}}).c_str());
+  else
+    Line(name, value);
+}
+
+void Output::Fields(const Pairs &fields) {
+  if (json_) {
+    printf("%s\n", JsonObject(fields).c_str());
+    return;
+  }
+  for (const auto &f : fields) Line(f.first, f.second);
+}
+
+void Output::Object(const std::string &alias, const Pairs &attributes, const Pairs &methods) {
+  if (json_) {
+    printf("{\"alias\": %s, \"attributes\": %s, \"methods\": %s}\n", JsonString(alias).c_str(),
+           JsonObject(attributes).c_str(), JsonObject(methods).c_str());
+    return;
+  }
+  Line("alias", alias);
+  for (const auto &a : attributes) Line(a.first, a.second);
+  for (const auto &m : methods) Line(m.first, m.second);
+}
+
+void Output::Aliases(const std::vector<std::string> &aliases) {
+  if (json_) {
+    std::string out = "[";
+    for (size_t i = 0; i < aliases.size(); ++i) out += (i ? ", " : "") + JsonString(aliases[i]);
+    printf("%s]\n", out.c_str());
+    return;
+  }
+  for (const auto &a : aliases) printf("%s\n", a.c_str());
+}
+
+}  // namespace qdadm

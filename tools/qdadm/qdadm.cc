@@ -1,0 +1,384 @@
+// qdadm - the administrator's tool over libQD.
+//
+//   qdadm [--json] [-t TABLE] [-v LEVEL] COMMAND [ARGS...]
+//
+// Every command maps onto one public operation of the library; the exit
+// status is 0 on success and the library's own code otherwise.
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "output.h"
+#include "qd.h"
+
+extern char **environ;
+
+namespace {
+
+using qdadm::Output;
+using qdadm::Pairs;
+using Args = std::vector<std::string>;
+
+constexpr int kBadArguments = 254;  // the library's "invalid argument"
+constexpr int kNoEntry = 3;         // the library's "no such entry"
+
+__attribute__((format(printf, 1, 2))) void Say(const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  fprintf(stderr, "qdadm: ");
+  vfprintf(stderr, format, args);
+  fputc('\n', stderr);
+  va_end(args);
+}
+
+Pairs ToPairs(KeywordList *list) {
+  Pairs out;
+  if (list == nullptr) return out;
+  list->kwl_cursor = list->kwl_first;
+  char *kw;
+  char *value;
+  int st;
+  while ((st = ReferenceNextKeywordInList(list, &kw, &value)) == KWL_OK || st == KWL_WARN)
+    out.emplace_back(kw, value);
+  return out;
+}
+
+std::vector<std::string> ToVector(AliasList *list) {
+  std::vector<std::string> out;
+  for (AliasList *n = list; n != nullptr; n = n->next) out.push_back(n->alias);
+  return out;
+}
+
+AliasList *ToAliasList(const Args &aliases) {
+  AliasList *head = nullptr;
+  for (auto it = aliases.rbegin(); it != aliases.rend(); ++it) {
+    auto *n = static_cast<AliasList *>(malloc(sizeof(AliasList)));
+    n->alias = strdup(it->c_str());
+    n->next = head;
+    head = n;
+  }
+  return head;
+}
+
+// NAME=VALUE arguments as a keyword list; nullptr (after saying why) when one is not.
+KeywordList *ToList(const Args &args, size_t from, size_t to) {
+  KeywordList *list = CreateKeywordList();
+  for (size_t i = from; i < to; ++i) {
+    size_t eq = args[i].find('=');
+    if (eq == std::string::npos || eq == 0) {
+      Say("not a name=value pair: %s", std::string(args[i]).c_str());
+      DestroyKeywordList(list);
+      return nullptr;
+    }
+    AddKeywordToList(list, args[i].substr(0, eq).c_str(), args[i].substr(eq + 1).c_str());
+  }
+  return list;
+}
+
+bool IsMethodName(const std::string &name) { return IsMethod(name.c_str(), static_cast<int>(name.size())) != 0; }
+
+// ---------------------------------------------------------------- commands
+
+int Get(Output &out, const Args &a) {
+  if (a.size() == 2) {
+    NameValue *nv = IsMethodName(a[1]) ? QDgetmethod(a[0].c_str(), a[1].c_str())
+                                       : QDgetattr(a[0].c_str(), a[1].c_str());
+    if (nv == nullptr) {
+      Say("no value for %s", std::string(a[0] + " " + a[1]).c_str());
+      return kNoEntry;
+    }
+    out.Value(nv->name, nv->value);
+    free(nv);
+    return 0;
+  }
+  ObjectRecord *o = QDgetobj(a[0].c_str());
+  if (o == nullptr) {
+    Say("no entry for %s", std::string(a[0]).c_str());
+    return kNoEntry;
+  }
+  out.Object(o->alias, ToPairs(o->attributes), ToPairs(o->methods));
+  QDfreeobj(o);
+  return 0;
+}
+
+int Methods(Output &out, const Args &a) {
+  if (a.size() == 2) {
+    if (!IsMethodName(a[1])) {
+      Say("not a method name (it holds neither \"cmd\" nor \"func\"): %s", std::string(a[1]).c_str());
+      return kBadArguments;
+    }
+    return Get(out, a);
+  }
+  KeywordList *methods = QDgetmethods(a[0].c_str());
+  if (methods == nullptr) {
+    Say("no entry for %s", std::string(a[0]).c_str());
+    return kNoEntry;
+  }
+  out.Fields(ToPairs(methods));
+  DestroyKeywordList(methods);
+  return 0;
+}
+
+int Attrs(Output &out, const Args &a) {
+  KeywordList *attrs = QDgetattrs(a[0].c_str());
+  if (attrs == nullptr) {
+    Say("no entry for %s", std::string(a[0]).c_str());
+    return kNoEntry;
+  }
+  out.Fields(ToPairs(attrs));
+  DestroyKeywordList(attrs);
+  return 0;
+}
+
+int Put(Output &, const Args &a) {
+  KeywordList *list = ToList(a, 1, a.size());
+  if (list == nullptr) return kBadArguments;
+  int rc = QDput(a[0].c_str(), list);
+  DestroyKeywordList(list);
+  if (rc == KWL_DUPLICATE) {
+    Say("%s", std::string("a name given twice was written once (the first value)").c_str());
+    return 0;
+  }
+  if (rc != 0) Say("cannot write %s", std::string(a[0]).c_str());
+  return rc == -1 ? 255 : rc;
+}
+
+int Delete(Output &, const Args &a) {
+  int rc = QDdelete(a[0].c_str());
+  if (rc == kNoEntry) Say("no entry for %s", std::string(a[0]).c_str());
+  else if (rc != 0) Say("cannot delete %s", std::string(a[0]).c_str());
+  return rc == -1 ? 255 : rc;
+}
+
+int List(Output &out, const Args &a) {
+  KeywordList *criteria = a.empty() ? nullptr : ToList(a, 0, a.size());
+  if (!a.empty() && criteria == nullptr) return kBadArguments;
+  AliasList *aliases = QDgetaliases(criteria);
+  out.Aliases(ToVector(aliases));
+  QDFreeAliasList(aliases);
+  DestroyKeywordList(criteria);
+  return 0;
+}
+
+int Match(Output &out, const Args &a) {
+  size_t dashes = 0;
+  while (dashes < a.size() && a[dashes] != "--") ++dashes;
+  if (dashes == a.size()) {
+    Say("%s", std::string("give the criteria, then --, then the aliases").c_str());
+    return kBadArguments;
+  }
+  KeywordList *criteria = ToList(a, 0, dashes);
+  if (criteria == nullptr) return kBadArguments;
+  AliasList *candidates = ToAliasList(Args(a.begin() + static_cast<long>(dashes) + 1, a.end()));
+  AliasList *matched = QDmatchalias(criteria, candidates);
+  out.Aliases(ToVector(matched));
+  QDFreeAliasList(matched);
+  QDFreeAliasList(candidates);
+  DestroyKeywordList(criteria);
+  return 0;
+}
+
+int Next(Output &out, const Args &a) {
+  char *next = QDnextalias(a[0].c_str(), a.size() == 2 ? a[1].c_str() : nullptr);
+  if (next == nullptr) {
+    Say("no further alias in class %s", std::string(a[0]).c_str());
+    return kNoEntry;
+  }
+  out.Value("alias", next);
+  free(next);
+  return 0;
+}
+
+int Touch(Output &out, const Args &a) {
+  int rc = QDsettime(QD_TS_ENV, nullptr);
+  if (QDtimestamp.tm_mday == 0) {
+    Say("%s", std::string("timestamping is off: set QD_TIMESTAMP (empty for now, or a stamp value)").c_str());
+    return rc != 0 ? rc : 242;
+  }
+  QDtouch(a[0].c_str());
+  out.Value("ObjTimestamp", QDstampstring);
+  return 0;
+}
+
+int Stamp(Output &out, const Args &a) {
+  int rc = a.empty() ? QDsettime(QD_TS_ENV, nullptr)
+                     : QDsettime(QD_TS_STRING, const_cast<char *>(a[0].c_str()));
+  if (rc != 0 && rc != 242 && rc != 245) {
+    Say("not a time stamp value: %s", std::string(a.empty() ? std::string(getenv("QD_TIMESTAMP")) : a[0]).c_str());
+    return rc;
+  }
+  char when[64] = "";
+  if (QDtimestamp.tm_mday != 0) strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S", &QDtimestamp);
+  out.Fields({{"stamp", QDtimestamp.tm_mday != 0 ? QDstampstring : ""},
+              {"time", when},
+              {"timestamping", QDtimestamp.tm_mday != 0 ? "on" : "off"}});
+  return 0;
+}
+
+int Lock(Output &out, const Args &a) {
+  const std::string &kind = a[0];
+  int mode = kind == "read" ? QDREAD : kind == "write" ? QDWRITE : kind == "test" ? QDWRITE | QDLOCK_TEST : -1;
+  if (mode < 0) {
+    Say("not a lock kind (read, write or test): %s", std::string(kind).c_str());
+    return kBadArguments;
+  }
+  if (kind == "test") {
+    int rc = QDlock(mode);
+    out.Value("lock", rc == 0 ? "free" : "held");
+    return rc == 0 ? 0 : 1;
+  }
+  if (a.size() < 3 || a[1] != "--") {
+    Say("%s", std::string("give the command to run under the lock after --").c_str());
+    return kBadArguments;
+  }
+  if (QDlock(mode) != 0) {
+    Say("cannot take the %s lock", std::string(kind).c_str());
+    return 255;
+  }
+  // The command runs without a shell: its arguments are taken as given.
+  std::vector<char *> argv;
+  for (size_t i = 2; i < a.size(); ++i) argv.push_back(const_cast<char *>(a[i].c_str()));
+  argv.push_back(nullptr);
+  pid_t pid;
+  int status = 255;
+  if (posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) == 0) {
+    int st = 0;
+    while (waitpid(pid, &st, 0) < 0 && errno == EINTR) {
+    }
+    status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+  } else {
+    Say("cannot run %s", std::string(a[2]).c_str());
+  }
+  QDunlock(mode);
+  return status;
+}
+
+int Cache(Output &out, const Args &a) {
+  const std::string &what = a[0];
+  if (what != "load" && what != "flush" && what != "stats") {
+    Say("not a cache command (load, flush or stats): %s", std::string(what).c_str());
+    return kBadArguments;
+  }
+  if (QDcache_load() != 0) {
+    Say("%s", std::string("cannot load the cache").c_str());
+    return 255;
+  }
+  int entries = 0;
+  for (oce *e = qdcache_ocp->next; e != qdcache_ocp; e = e->next) ++entries;
+  if (what == "flush") {
+    int rc = QDcache_flush();
+    out.Fields({{"entries", std::to_string(entries)}, {"flushed", rc == 0 ? "yes" : "no"}});
+    return rc == 0 ? 0 : 255;
+  }
+  Pairs fields = {{"entries", std::to_string(entries)},
+                  {"aliashashsize", std::to_string(qdc_rc.aliashashsize)},
+                  {"directload", std::to_string(qdcache_directload)},
+                  {"directsave", std::to_string(qdcache_directsave)}};
+  if (what == "stats") {
+    static const char *const labels[] = {
+        "hook_QDLput", "hook_GetAllAliases", "hook_GetSpecificAliases", "hook_QDdelete",
+        "hook_UnitProp", "hook_DevAllAttr", "hook_QDmatchalias", "hash", "hash_lookup",
+        "hash_searchadd", "max_hash_chain", "QDcache_load_direct_add", "QDcache_find_alias",
+        "CachedReferenceNextAttribute", "QDcache_addalias", "QDcache_addobj", "QDcache_rmobj",
+        "QDcache_archive_obj"};
+    for (int i = 0; i < 18; ++i) fields.emplace_back(labels[i], std::to_string(qdcache_info[i]));
+  }
+  out.Fields(fields);
+  QDcache_free();
+  return 0;
+}
+
+struct Command {
+  const char *name;
+  size_t min_args, max_args;  // max 0: any number
+  const char *usage;
+  const char *help;
+  int (*run)(Output &, const Args &);
+};
+
+const Command kCommands[] = {
+    {"get", 1, 2, "get ALIAS [NAME]", "Print one attribute or method, or the whole object.", Get},
+    {"attrs", 1, 1, "attrs ALIAS", "Print every attribute of an entry.", Attrs},
+    {"methods", 1, 2, "methods ALIAS [NAME]", "Print every method of an entry, or one.", Methods},
+    {"put", 2, 0, "put ALIAS NAME=VALUE...", "Write attributes and methods (the entry is made when missing).", Put},
+    {"delete", 1, 1, "delete ALIAS", "Remove an entry, after writing its archive copy.", Delete},
+    {"list", 0, 0, "list [NAME=ITEMS...]", "List every alias, or those whose entries meet every criterion.", List},
+    {"match", 2, 0, "match NAME=ITEMS... -- ALIAS...", "Print the given aliases whose entries meet every criterion.", Match},
+    {"next", 1, 2, "next CLASS [ALIAS]", "Print the first alias of a class, or the one after ALIAS.", Next},
+    {"touch", 1, 1, "touch ALIAS", "Write the current time stamp (from QD_TIMESTAMP) to an entry.", Touch},
+    {"stamp", 0, 1, "stamp [VALUE]", "Show the process's time stamp, from QD_TIMESTAMP or VALUE.", Stamp},
+    {"lock", 1, 0, "lock {read|write|test} [-- COMMAND [ARGS...]]", "Run a command while holding the table lock, or test it.", Lock},
+    {"cache", 1, 1, "cache {load|flush|stats}", "Load the whole table into the cache; report it, or write it back.", Cache},
+};
+
+void Usage(FILE *to) {
+  fprintf(to, "usage: qdadm [--json] [-t TABLE] [-v LEVEL] COMMAND [ARGS...]\n\ncommands:\n");
+  for (const Command &c : kCommands) fprintf(to, "  %-46s %s\n", c.usage, c.help);
+  fprintf(to, "\nqdadm COMMAND --help shows one command.\n");
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  vcel_argv = argv;
+  vcel_verbose_level = 3;  // the library's errors reach standard error
+  bool json = false;
+  int i = 1;
+  for (; i < argc && argv[i][0] == '-'; ++i) {
+    std::string opt = argv[i];
+    if (opt == "--json") {
+      json = true;
+    } else if ((opt == "-t" || opt == "-v") && i + 1 < argc) {
+      if (opt == "-t") {
+        setenv("TAV_DEVTAB", argv[++i], 1);
+      } else {
+        char *end = nullptr;
+        long level = strtol(argv[++i], &end, 10);
+        if (*end != '\0' || level < -1 || level > 8) {
+          Say("not a trace level (0 to 8): %s", std::string(argv[i]).c_str());
+          return kBadArguments;
+        }
+        vcel_verbose_level = static_cast<int>(level);
+      }
+    } else if (opt == "-h" || opt == "--help") {
+      Usage(stdout);
+      return 0;
+    } else {
+      Say("unknown option %s", std::string(opt).c_str());
+      Usage(stderr);
+      return kBadArguments;
+    }
+  }
+  if (i >= argc) {
+    Usage(stderr);
+    return kBadArguments;
+  }
+  std::string name = argv[i++];
+  for (const Command &c : kCommands) {
+    if (name != c.name) continue;
+    Args args(argv + i, argv + argc);
+    if (!args.empty() && (args[0] == "--help" || args[0] == "-h")) {
+      printf("usage: qdadm %s\n%s\n", c.usage, c.help);
+      return 0;
+    }
+    if (args.size() < c.min_args || (c.max_args != 0 && args.size() > c.max_args)) {
+      fprintf(stderr, "usage: qdadm %s\n", c.usage);
+      return kBadArguments;
+    }
+    Output out(json);
+    int rc = c.run(out, args);
+    if (fflush(stdout) != 0) return 255;
+    return rc;
+  }
+  Say("unknown command %s", std::string(name).c_str());
+  Usage(stderr);
+  return kBadArguments;
+}
