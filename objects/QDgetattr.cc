@@ -33,6 +33,16 @@ NameValue *UnitProp(const char *alias, const char *name) {
     free(record);
     return nullptr;
   }
+  strcpy(record->name, name);
+  record->value[0] = '\0';
+  // With the cache on no command runs, so none is built.
+  if (qdcache_on != 0) {
+    if (QDcache_hook_UnitProp(alias, name, record->value) != 0) {
+      free(record);
+      return nullptr;
+    }
+    return record;
+  }
   char command[kCommandSize];
   qd::CommandLine line(sizeof command);
   line.Raw("unitprop ").Word(alias).Raw(" ").Word(name);
@@ -40,15 +50,6 @@ NameValue *UnitProp(const char *alias, const char *name) {
     QDerror(kModule, "Cannot run unitprop for '%s' '%s': %s\n", alias, name, line.error());
     free(record);
     return nullptr;
-  }
-  strcpy(record->name, name);
-  record->value[0] = '\0';
-  if (qdcache_on != 0) {
-    if (QDcache_hook_UnitProp(alias, name, record->value) != 0) {
-      free(record);
-      return nullptr;
-    }
-    return record;
   }
   if (QDlock(QDREAD) != 0) {
     free(record);
