@@ -136,10 +136,10 @@ namespace {
 // at that point; "enospc@N" makes the N-th write fail with ENOSPC; "eio@fsync"
 // makes every fsync fail.
 bool FaultNamed(const char *item) {
-  const char *spec = getenv("QD_FAULT");
-  if (spec == nullptr) return false;
+  const char *faults = getenv("QD_FAULT");
+  if (faults == nullptr) return false;
   size_t len = strlen(item);
-  for (const char *p = spec; *p;) {
+  for (const char *p = faults; *p;) {
     const char *comma = strchr(p, ',');
     size_t n = comma ? static_cast<size_t>(comma - p) : strlen(p);
     if (n == len && strncmp(p, item, n) == 0) return true;
