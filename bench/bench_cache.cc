@@ -16,26 +16,14 @@
 
 #include "qd.h"
 #include "table_gen.h"
+#include "timing.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double Ms(Clock::time_point a, Clock::time_point b) {
-  return std::chrono::duration<double, std::milli>(b - a).count();
-}
-
-template <typename Fn>
-double MedianMs(int runs, Fn fn) {
-  std::vector<double> v;
-  for (int i = 0; i < runs; ++i) {
-    auto t0 = Clock::now();
-    fn();
-    v.push_back(Ms(t0, Clock::now()));
-  }
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
+using bench::Clock;
+using bench::Median;
+using bench::MedianMs;
+using bench::Ms;
 
 size_t Allocated() { return mallinfo2().uordblks + mallinfo2().hblkhd; }
 

@@ -11,22 +11,14 @@
 
 #include "qd.h"
 #include "table_gen.h"
+#include "timing.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-template <typename Fn>
-double MedianMs(int runs, Fn fn) {
-  std::vector<double> v;
-  for (int i = 0; i < runs; ++i) {
-    auto t0 = Clock::now();
-    fn();
-    v.push_back(std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
-  }
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
+using bench::Clock;
+using bench::Median;
+using bench::MedianMs;
+using bench::Ms;
 
 }  // namespace
 

@@ -18,19 +18,14 @@
 
 #include "qd.h"
 #include "table_gen.h"
+#include "timing.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double Ms(Clock::time_point a, Clock::time_point b) {
-  return std::chrono::duration<double, std::milli>(b - a).count();
-}
-
-double Median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
+using bench::Clock;
+using bench::Median;
+using bench::MedianMs;
+using bench::Ms;
 
 void Run(size_t entries, const std::string &dir) {
   std::string table = dir + "/units" + std::to_string(entries) + ".tab";

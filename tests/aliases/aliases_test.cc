@@ -103,13 +103,7 @@ TEST(QDmatchalias, AMissingTableGivesNothingAndSaysSo) {
 
 // A unitlist that records its arguments and prints two aliases.
 void FakeUnitlist(const Sandbox &box) {
-  std::string bin = box.Path("fakebin");
-  mkdir(bin.c_str(), 0755);
-  WriteFile(bin + "/unitlist", "#!/bin/sh\nfor a; do printf '<%s>' \"$a\"; done >> '" +
-                                   box.Path("unitlist.log") + "'\necho >> '" +
-                                   box.Path("unitlist.log") + "'\necho disk0\necho tape0\n");
-  chmod((bin + "/unitlist").c_str(), 0755);
-  setenv("PATH", (bin + ":" + getenv("PATH")).c_str(), 1);
+  testing_support::FakeCommand(box, "unitlist", "echo disk0\necho tape0");
 }
 
 TEST(QDgetaliases, CriteriaReachUnitlistAsAttributeTests) {

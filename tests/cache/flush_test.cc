@@ -58,19 +58,14 @@ TEST_F(Flush, TheObjectWriterWritesOnlyWhatChanged) {
   box_.WriteTable("stale:::: k=\"1\" ObjTimestamp=\"0097,02,14,09,05,03,5,072,00\"\n"
                   "touched:::: k=\"2\" ObjTimestamp=\"0097,02,14,09,05,03,5,072,00\"\n"
                   "changed:::: k=\"3\" ObjTimestamp=\"0097,02,14,09,05,03,5,072,00\"\n");
-  std::string bin = box_.Path("bin");
-  mkdir(bin.c_str(), 0755);
-  WriteFile(bin + "/unitmod", "#!/bin/sh\nfor a; do printf '<%s>' \"$a\"; done >> '" + box_.Path("log") +
-                                  "'\necho >> '" + box_.Path("log") + "'\n");
-  chmod((bin + "/unitmod").c_str(), 0755);
-  setenv("PATH", (bin + ":" + getenv("PATH")).c_str(), 1);
+  std::string log_path = testing_support::FakeCommand(box_, "unitmod", "exit 0");
   ASSERT_EQ(QDcache_load(), 0);
   QDcache_touch_obj(QDcache_find_alias("touched"));
   KeywordList *change = List({{"k", "33"}});
   QDcache_hook_QDLput("changed", change);
   DestroyKeywordList(change);
   ASSERT_EQ(QDcache_flush(), 0);
-  std::string log = ReadFile(box_.Path("log"));
+  std::string log = ReadFile(log_path);
   EXPECT_EQ(log.find("<stale>"), std::string::npos) << log;
   EXPECT_NE(log.find("<-m><touched><ObjTimestamp=0126,10,22,10,00,00,0,325,00>\n"), std::string::npos) << log;
   EXPECT_NE(log.find("<-d><changed>\n"), std::string::npos) << log;

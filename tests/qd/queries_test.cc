@@ -33,16 +33,10 @@ std::map<std::string, std::string> ToMap(KeywordList *list) {
 // A unitprop that prints `output`, exits with `status` and logs its arguments.
 class FakeUnitprop {
  public:
-  FakeUnitprop(const Sandbox &box, const std::string &output, int status = 0)
-      : log_(box.Path("unitprop.log")) {
-    std::string bin = box.Path("fakebin");
-    mkdir(bin.c_str(), 0755);
+  FakeUnitprop(const Sandbox &box, const std::string &output, int status = 0) {
     WriteFile(box.Path("fake.out"), output);
-    WriteFile(bin + "/unitprop", "#!/bin/sh\nfor a; do printf '<%s>' \"$a\"; done >> '" + log_ +
-                                     "'\necho >> '" + log_ + "'\ncat '" + box.Path("fake.out") +
-                                     "'\nexit " + std::to_string(status) + "\n");
-    chmod((bin + "/unitprop").c_str(), 0755);
-    setenv("PATH", (bin + ":" + getenv("PATH")).c_str(), 1);
+    log_ = testing_support::FakeCommand(box, "unitprop",
+                                        "cat '" + box.Path("fake.out") + "'\nexit " + std::to_string(status));
   }
   std::string Calls() const { return access(log_.c_str(), F_OK) == 0 ? ReadFile(log_) : ""; }
 

@@ -53,6 +53,18 @@ Sandbox::~Sandbox() {
   }
 }
 
+std::string FakeCommand(const Sandbox &box, const std::string &name, const std::string &body) {
+  std::string bin = box.Path("fakebin");
+  mkdir(bin.c_str(), 0755);
+  std::string log = box.Path(name + ".log");
+  WriteFile(bin + "/" + name, "#!/bin/sh\nfor a; do printf '<%s>' \"$a\"; done >> '" + log + "'\necho >> '" +
+                                  log + "'\n" + body + "\n");
+  chmod((bin + "/" + name).c_str(), 0755);
+  std::string path = bin + ":" + getenv("PATH");
+  setenv("PATH", path.c_str(), 1);
+  return log;
+}
+
 void Sandbox::WriteTable(const std::string &content) const { WriteFile(table_, content); }
 
 std::string Sandbox::ReadTable() const { return ReadFile(table_); }

@@ -43,6 +43,11 @@ RunResult RunProgram(const std::vector<std::string> &argv, const std::string &in
 // The path of a device command of this build.
 std::string Command(const std::string &name);
 
+// Puts a stand-in for a device command first on PATH: it appends its
+// arguments, as <arg><arg>..., one call a line, to the file it returns the
+// path of, then runs `body` (shell text) and exits with its status.
+std::string FakeCommand(const Sandbox &box, const std::string &name, const std::string &body);
+
 }  // namespace testing_support
 
 #endif

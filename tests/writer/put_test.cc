@@ -20,16 +20,11 @@ class Put : public CacheTest {
   }
   // A unitmod that logs its arguments and exits with `modify_status` for -m.
   void FakeUnitmod(int modify_status) {
-    std::string bin = box_.Path("bin");
-    mkdir(bin.c_str(), 0755);
-    WriteFile(bin + "/unitmod", "#!/bin/sh\nfor a; do printf '<%s>' \"$a\"; done >> '" + box_.Path("log") +
-                                    "'\necho >> '" + box_.Path("log") + "'\n[ \"$1\" = -m ] && exit " +
-                                    std::to_string(modify_status) + "\nexit 0\n");
-    chmod((bin + "/unitmod").c_str(), 0755);
-    setenv("PATH", (bin + ":" + getenv("PATH")).c_str(), 1);
+    testing_support::FakeCommand(box_, "unitmod",
+                                 "[ \"$1\" = -m ] && exit " + std::to_string(modify_status) + "\nexit 0");
   }
   std::string Log() const {
-    return access(box_.Path("log").c_str(), F_OK) == 0 ? ReadFile(box_.Path("log")) : "";
+    return access(box_.Path("unitmod.log").c_str(), F_OK) == 0 ? ReadFile(box_.Path("unitmod.log")) : "";
   }
 };
 
