@@ -50,6 +50,15 @@ bool IsBlank(char c) { return c == ' ' || c == '\t'; }
 size_t EntryEnd(std::string_view image, size_t from, size_t *newlines) {
   size_t pos = from;
   size_t count = 0;
+  // A comment is one line, whatever it ends with: a backslash at its end must
+  // not join the entry that follows to it.
+  size_t first = from;
+  while (first < image.size() && (image[first] == ' ' || image[first] == '\t')) ++first;
+  if (first < image.size() && image[first] == '#') {
+    const void *hit = std::memchr(image.data() + first, '\n', image.size() - first);
+    if (newlines) *newlines = hit != nullptr ? 1 : 0;
+    return hit != nullptr ? static_cast<size_t>(static_cast<const char *>(hit) - image.data()) : image.size();
+  }
   for (;;) {
     const void *hit = pos < image.size() ? std::memchr(image.data() + pos, '\n', image.size() - pos)
                                          : nullptr;

@@ -84,6 +84,15 @@ TEST(Unitprop, FindsEntriesWhateverTheirSpelling) {
   }
 }
 
+TEST(Unitprop, ACommentEndingInABackslashDoesNotSwallowTheNextEntry) {
+  Sandbox box;
+  box.WriteTable("# a note that ends in a backslash \\\nafter:::: k=\"v\"\n");
+  auto r = RunProgram({Command("unitprop"), "after", "k"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "v\n");
+  EXPECT_EQ(RunProgram({Command("unitlist")}).out, "after\n");
+}
+
 TEST(Unitprop, SkipsAMalformedEntryOfTheSameAlias) {
   Sandbox box;
   box.WriteTable("x::: k=\"1\"\nx:::: k=\"unterminated\nx:::: k=\"good\"\n");
