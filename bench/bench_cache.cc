@@ -38,17 +38,8 @@ void Unload() {
 
 void Run(size_t entries, const std::string &dir) {
   std::string table = dir + "/units" + std::to_string(entries) + ".tab";
-  FILE *out = fopen(table.c_str(), "w");
   std::vector<std::string> aliases;
-  std::string line;
-  tablegen::Generate(entries, 1, [&](const devtab::Entry &e) {
-    line.clear();
-    devtab::FormatEntry(e, &line);
-    fwrite(line.data(), 1, line.size(), out);
-    aliases.push_back(e.alias);
-  });
-  long file_bytes = ftell(out);
-  fclose(out);
+  size_t file_bytes = tablegen::WriteTable(table, entries, 1, &aliases);
   setenv("TAV_DEVTAB", table.c_str(), 1);
 
   auto walk = [] {

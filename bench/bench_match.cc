@@ -28,16 +28,8 @@ int main(int argc, char **argv) {
   char dir[] = "/tmp/qdmatch.XXXXXX";
   if (mkdtemp(dir) == nullptr) return 1;
   std::string table = std::string(dir) + "/units.tab";
-  FILE *out = fopen(table.c_str(), "w");
   std::vector<std::string> aliases;
-  std::string line;
-  tablegen::Generate(entries, 1, [&](const devtab::Entry &e) {
-    line.clear();
-    devtab::FormatEntry(e, &line);
-    fwrite(line.data(), 1, line.size(), out);
-    aliases.push_back(e.alias);
-  });
-  fclose(out);
+  tablegen::WriteTable(table, entries, 1, &aliases);
   setenv("TAV_DEVTAB", table.c_str(), 1);
 
   // Candidates spread over the whole table, the last entry among them, so

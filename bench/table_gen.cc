@@ -330,4 +330,20 @@ void Generate(size_t count, uint64_t variant,
   Generator(variant, emit).Run(count);
 }
 
+size_t WriteTable(const std::string &path, size_t count, uint64_t variant,
+                  std::vector<std::string> *aliases) {
+  FILE *out = fopen(path.c_str(), "w");
+  if (out == nullptr) return 0;
+  std::string line;
+  Generate(count, variant, [&](const devtab::Entry &e) {
+    line.clear();
+    devtab::FormatEntry(e, &line);
+    fwrite(line.data(), 1, line.size(), out);
+    if (aliases != nullptr) aliases->push_back(e.alias);
+  });
+  size_t bytes = static_cast<size_t>(ftell(out));
+  fclose(out);
+  return bytes;
+}
+
 }  // namespace tablegen

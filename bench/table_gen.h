@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <string>
+#include <vector>
 
 #include "devtab_format.h"
 
@@ -17,6 +19,11 @@ namespace tablegen {
 // entries its ObjContains names, and names only entries that are emitted.
 void Generate(size_t count, uint64_t variant,
               const std::function<void(const devtab::Entry &)> &emit);
+
+// Writes `count` entries to `path` in the table format and returns the
+// file's size; the aliases, in table order, go to *aliases when given.
+size_t WriteTable(const std::string &path, size_t count, uint64_t variant,
+                  std::vector<std::string> *aliases = nullptr);
 
 }  // namespace tablegen
 

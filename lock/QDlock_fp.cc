@@ -151,19 +151,12 @@ int QDlock_fp(int mode) {
   }
   // Nested: covered requests only count. (They keep the table lock they
   // took, so that every file lock owns one table lock of its kind.)
-  if (write && file.write_lock_count > 0) {
+  int &same_kind = write ? file.write_lock_count : file.read_lock_count;
+  if (same_kind > 0) {
     if (mode & QDLOCK_TEST) return 0;
-    ++file.write_lock_count;
+    ++same_kind;
     ++file.lock_counter;
-    QDtrace(8, kOrigin, "write_lock_count = %d", file.write_lock_count);
-    QDtrace(8, kOrigin, "lock_counter     = %d", file.lock_counter);
-    return 0;
-  }
-  if (!write && file.read_lock_count > 0) {
-    if (mode & QDLOCK_TEST) return 0;
-    ++file.read_lock_count;
-    ++file.lock_counter;
-    QDtrace(8, kOrigin, "read_lock_count  = %d", file.read_lock_count);
+    QDtrace(8, kOrigin, write ? "write_lock_count = %d" : "read_lock_count  = %d", same_kind);
     QDtrace(8, kOrigin, "lock_counter     = %d", file.lock_counter);
     return 0;
   }
