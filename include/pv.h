@@ -43,6 +43,7 @@ extern "C" {
 #define KWL_VALUE_BUFSIZE 516
 
 typedef struct KeywordEntry KeywordEntry; /* private to the list operations */
+struct KeywordBlock;                      /* private to the list operations */
 
 /*
  * A keyword list. Callers may touch exactly one thing: restarting an
@@ -54,6 +55,9 @@ typedef struct KeywordList {
   KeywordEntry *kwl_first;  /* first entry, or NULL when empty */
   KeywordEntry *kwl_last;   /* private: last entry */
   unsigned long kwl_count;  /* private: number of entries */
+  struct KeywordBlock *kwl_blocks; /* private: storage of the entries */
+  unsigned long kwl_dead;   /* private: bytes of removed entries */
+  int kwl_shared;           /* private: a block shares the header's allocation */
 } KeywordList;
 
 /* Keyword lists. Strings passed in are copied. A NULL value makes an entry

@@ -1,73 +1,193 @@
 // Keyword lists: an ordered chain of keyword=value entries with a cursor.
 //
-// Each entry is one allocation holding the node and both strings; a value
-// that outgrows its room moves to a block of its own. Object tables of
-// hundreds of thousands of entries are built from these, so the common case
-// is one malloc per entry.
+// Entries are carved from blocks that the list owns: an entry is one small
+// node followed by its keyword and its value, and a list is a few
+// allocations however long it is. A copy of a list (DuplicateKeywordList,
+// AddKeywordListToList) is one block of exactly its size, and a duplicated
+// list shares one allocation with its header. Object tables of hundreds of
+// thousands of entries are built from these, where an allocation per entry
+// dominated both time and memory. An entry that is removed, or whose value
+// outgrows its room and is carved anew, leaves dead bytes behind; once those
+// outweigh the live ones the list is packed into a fresh block.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <new>
 
 #include "pv.h"
 #include "pv_internal.h"
 
 struct KeywordEntry {
   KeywordEntry *next;
-  char *value;          // inline after the keyword, or a block of its own
-  uint32_t value_room;  // bytes available at value, terminator included
-  uint8_t value_own;    // value lives in a block of its own
-  uint8_t no_value;     // added with a NULL value: delivered as "" with KWL_WARN
-  char keyword[1];      // the keyword, then (when inline) the value
+  uint32_t span;     // bytes the entry takes in its block
+  uint8_t no_value;  // added with a NULL value: delivered as "" with KWL_WARN
+  char keyword[1];   // the keyword, then its value
+};
+
+struct KeywordBlock {
+  KeywordBlock *next;  // the block filled before this one
+  uint32_t used;
+  uint32_t room;
 };
 
 namespace {
 
 constexpr unsigned long kLiveMagic = 0x4b574c31UL;  // "KWL1"
 constexpr unsigned long kDeadMagic = 0xdeadbeefUL;
+constexpr size_t kFirstRoom = 256;
+constexpr size_t kMaxGrowth = 64 * 1024;
+constexpr size_t kPackSlack = 4096;  // dead bytes tolerated whatever the live ones
+constexpr size_t kMaxBlock = UINT32_MAX / 2;
 
-KeywordEntry *NewEntry(const char *keyword, const char *value) {
+constexpr size_t Align(size_t n) { return (n + 7) & ~static_cast<size_t>(7); }
+constexpr size_t kBlockHead = Align(sizeof(KeywordBlock));
+constexpr size_t kListHead = Align(sizeof(KeywordList));
+constexpr size_t kEntryHead = offsetof(KeywordEntry, keyword);
+
+char *Data(KeywordBlock *b) { return reinterpret_cast<char *>(b) + kBlockHead; }
+
+// The block that a duplicated list shares with its header, or null.
+KeywordBlock *HeaderBlock(KeywordList *list) {
+  if (!list->kwl_shared) return nullptr;
+  return reinterpret_cast<KeywordBlock *>(reinterpret_cast<char *>(list) + kListHead);
+}
+
+char *ValueOf(KeywordEntry *e) { return e->keyword + strlen(e->keyword) + 1; }
+
+// Bytes after the keyword, terminator and alignment padding included.
+size_t ValueRoom(KeywordEntry *e) { return e->span - kEntryHead - (strlen(e->keyword) + 1); }
+
+size_t EntrySize(size_t klen, size_t vlen) { return Align(kEntryHead + klen + vlen); }
+
+// Makes sure the newest block has `need` bytes free, adding a block of at
+// least `room` bytes when it has not.
+bool Reserve(KeywordList *list, size_t need, size_t room) {
+  KeywordBlock *b = list->kwl_blocks;
+  if (b != nullptr && b->room - b->used >= need) return true;
+  if (room < need) room = need;
+  if (room > kMaxBlock) return false;
+  auto *fresh = static_cast<KeywordBlock *>(malloc(kBlockHead + room));
+  if (fresh == nullptr) return false;
+  *fresh = KeywordBlock{b, 0, static_cast<uint32_t>(room)};
+  list->kwl_blocks = fresh;
+  return true;
+}
+
+// Room for a block added by single entries: doubling, up to a limit.
+size_t GrowthRoom(KeywordList *list) {
+  const KeywordBlock *b = list->kwl_blocks;
+  // A copy's own block is exact; entries added to it later are few.
+  if (b == nullptr || b->room == 0 || b == HeaderBlock(list)) return kFirstRoom;
+  return b->room >= kMaxGrowth / 2 ? kMaxGrowth : b->room * 2;
+}
+
+// Fills an entry in reserved space of the newest block.
+KeywordEntry *Carve(KeywordList *list, const char *keyword, size_t klen, const char *value,
+                    size_t vlen, bool no_value) {
+  KeywordBlock *b = list->kwl_blocks;
+  size_t span = EntrySize(klen, vlen);
+  auto *e = reinterpret_cast<KeywordEntry *>(Data(b) + b->used);
+  b->used += static_cast<uint32_t>(span);
+  e->next = nullptr;
+  e->span = static_cast<uint32_t>(span);
+  e->no_value = no_value;
+  memcpy(e->keyword, keyword, klen);
+  memcpy(e->keyword + klen, value, vlen);
+  return e;
+}
+
+// A new entry in the list's storage, not yet linked.
+KeywordEntry *NewEntry(KeywordList *list, const char *keyword, const char *value) {
   if (keyword == nullptr) keyword = "";
   bool no_value = value == nullptr;
   if (no_value) value = "";
   size_t klen = strlen(keyword) + 1;
   size_t vlen = strlen(value) + 1;
-  if (klen + vlen > UINT32_MAX) return nullptr;
-  auto *e = static_cast<KeywordEntry *>(malloc(offsetof(KeywordEntry, keyword) + klen + vlen));
-  if (e == nullptr) return nullptr;
-  e->next = nullptr;
-  memcpy(e->keyword, keyword, klen);
-  e->value = e->keyword + klen;
-  memcpy(e->value, value, vlen);
-  e->value_room = static_cast<uint32_t>(vlen);
-  e->value_own = 0;
-  e->no_value = no_value;
-  return e;
+  if (klen + vlen > kMaxBlock / 2) return nullptr;
+  if (!Reserve(list, EntrySize(klen, vlen), GrowthRoom(list))) return nullptr;
+  return Carve(list, keyword, klen, value, vlen, no_value);
 }
 
-void FreeEntry(KeywordEntry *e) {
-  if (e->value_own) free(e->value);
-  free(e);
+size_t PackedSize(KeywordEntry *e) {
+  size_t klen = strlen(e->keyword) + 1;
+  return EntrySize(klen, strlen(e->keyword + klen) + 1);
 }
 
-int SetValue(KeywordEntry *e, const char *value) {
-  e->no_value = value == nullptr ? 1 : 0;
-  if (value == nullptr) value = "";
-  size_t vlen = strlen(value) + 1;
-  if (vlen <= e->value_room) {
-    memmove(e->value, value, vlen);
-    return KWL_OK;
+// Copies the first `n` entries of `src` behind the end of `list`, in
+// storage reserved in one go, so that it either fully happens or not at all.
+int CopyEntries(KeywordList *list, const KeywordList *src, unsigned long n) {
+  if (n == 0) return KWL_OK;
+  size_t total = 0;
+  KeywordEntry *e = src->kwl_first;
+  for (unsigned long i = 0; i < n; ++i, e = e->next) total += PackedSize(e);
+  if (!Reserve(list, total, total)) return KWL_NOMEM;
+  KeywordEntry *head = nullptr;
+  KeywordEntry *tail = nullptr;
+  e = src->kwl_first;
+  for (unsigned long i = 0; i < n; ++i, e = e->next) {
+    size_t klen = strlen(e->keyword) + 1;
+    const char *value = e->keyword + klen;
+    KeywordEntry *c = Carve(list, e->keyword, klen, value, strlen(value) + 1, e->no_value != 0);
+    if (tail != nullptr)
+      tail->next = c;
+    else
+      head = c;
+    tail = c;
   }
-  if (vlen > UINT32_MAX) return KWL_NOMEM;
-  char *block = static_cast<char *>(malloc(vlen));
-  if (block == nullptr) return KWL_NOMEM;
-  memcpy(block, value, vlen);
-  if (e->value_own) free(e->value);
-  e->value = block;
-  e->value_room = static_cast<uint32_t>(vlen);
-  e->value_own = 1;
+  bool fresh_cursor = list->kwl_cursor == nullptr && list->kwl_count == 0;
+  if (list->kwl_last != nullptr)
+    list->kwl_last->next = head;
+  else
+    list->kwl_first = head;
+  list->kwl_last = tail;
+  list->kwl_count += n;
+  if (fresh_cursor) list->kwl_cursor = head;
   return KWL_OK;
+}
+
+// Frees every block but the one that shares the header's allocation, which
+// is kept with nothing carved from it.
+void DropStorage(KeywordList *list) {
+  KeywordBlock *shared = HeaderBlock(list);
+  for (KeywordBlock *b = list->kwl_blocks; b != nullptr;) {
+    KeywordBlock *next = b->next;
+    if (b != shared) free(b);
+    b = next;
+  }
+  list->kwl_blocks = nullptr;
+  if (shared != nullptr) {
+    *shared = KeywordBlock{nullptr, 0, 0};
+    list->kwl_blocks = shared;
+  }
+  list->kwl_dead = 0;
+}
+
+size_t Carved(const KeywordList *list) {
+  size_t n = 0;
+  for (const KeywordBlock *b = list->kwl_blocks; b != nullptr; b = b->next) n += b->used;
+  return n;
+}
+
+// Packs the live entries into one block when dead ones outweigh them. Order
+// and cursor are kept; strings move, as any change of a list allows.
+void MaybePack(KeywordList *list) {
+  if (list->kwl_count == 0) {
+    DropStorage(list);
+    return;
+  }
+  size_t live = Carved(list) - list->kwl_dead;
+  if (list->kwl_dead <= kPackSlack || list->kwl_dead <= live) return;
+  KeywordList packed{};
+  if (CopyEntries(&packed, list, list->kwl_count) != KWL_OK) return;  // stays as it is
+  KeywordEntry *cursor = nullptr;
+  for (KeywordEntry *o = list->kwl_first, *c = packed.kwl_first; o != nullptr; o = o->next, c = c->next)
+    if (o == list->kwl_cursor) cursor = c;
+  DropStorage(list);
+  packed.kwl_blocks->next = list->kwl_blocks;
+  list->kwl_blocks = packed.kwl_blocks;
+  list->kwl_first = packed.kwl_first;
+  list->kwl_last = packed.kwl_last;
+  list->kwl_cursor = cursor;
 }
 
 bool Live(const KeywordList *list) { return list != nullptr && list->kwl_magic == kLiveMagic; }
@@ -83,10 +203,45 @@ void Append(KeywordList *list, KeywordEntry *e) {
   ++list->kwl_count;
 }
 
-KeywordEntry *FindEntry(KeywordList *list, const char *keyword) {
-  for (KeywordEntry *e = list->kwl_first; e != nullptr; e = e->next)
-    if (strcmp(e->keyword, keyword) == 0) return e;
+// The entry of the keyword, and the one before it (null for the first).
+KeywordEntry *FindEntry(KeywordList *list, const char *keyword, KeywordEntry **prev_out = nullptr) {
+  KeywordEntry *prev = nullptr;
+  for (KeywordEntry *e = list->kwl_first; e != nullptr; prev = e, e = e->next) {
+    if (strcmp(e->keyword, keyword) == 0) {
+      if (prev_out != nullptr) *prev_out = prev;
+      return e;
+    }
+  }
   return nullptr;
+}
+
+// Gives the entry a new value: in place when it fits, else as a new entry
+// carved in its stead.
+int SetValue(KeywordList *list, KeywordEntry *e, KeywordEntry *prev, const char *value) {
+  bool no_value = value == nullptr;
+  if (no_value) value = "";
+  size_t vlen = strlen(value) + 1;
+  if (vlen <= ValueRoom(e)) {
+    memmove(ValueOf(e), value, vlen);
+    e->no_value = no_value;
+    return KWL_OK;
+  }
+  size_t klen = strlen(e->keyword) + 1;
+  if (klen + vlen > kMaxBlock / 2 || !Reserve(list, EntrySize(klen, vlen), GrowthRoom(list)))
+    return KWL_NOMEM;
+  // The value may lie in this very list: carving copies it before the old
+  // entry is let go.
+  KeywordEntry *c = Carve(list, e->keyword, klen, value, vlen, no_value);
+  c->next = e->next;
+  if (prev != nullptr)
+    prev->next = c;
+  else
+    list->kwl_first = c;
+  if (list->kwl_last == e) list->kwl_last = c;
+  if (list->kwl_cursor == e) list->kwl_cursor = c;
+  list->kwl_dead += e->span;
+  MaybePack(list);
+  return KWL_OK;
 }
 
 // Unlinks every entry for which drop(entry) holds, keeping the cursor valid.
@@ -108,10 +263,11 @@ int RemoveIf(KeywordList *list, Pred drop) {
     if (list->kwl_last == e) list->kwl_last = prev;
     if (list->kwl_cursor == e) list->kwl_cursor = next;
     --list->kwl_count;
-    FreeEntry(e);
+    list->kwl_dead += e->span;
     ++removed;
     e = next;
   }
+  if (removed > 0) MaybePack(list);
   return removed;
 }
 
@@ -130,11 +286,7 @@ KeywordList *CreateKeywordList(void) {
 int DestroyKeywordList(KeywordList *list) {
   if (list == nullptr) return KWL_OK;
   if (!Live(list)) return KWL_INVALID;
-  for (KeywordEntry *e = list->kwl_first; e != nullptr;) {
-    KeywordEntry *next = e->next;
-    FreeEntry(e);
-    e = next;
-  }
+  DropStorage(list);
   list->kwl_magic = kDeadMagic;
   free(list);
   return KWL_OK;
@@ -142,7 +294,7 @@ int DestroyKeywordList(KeywordList *list) {
 
 int AddKeywordToList(KeywordList *list, const char *keyword, const char *value) {
   if (!Live(list) || keyword == nullptr) return KWL_INVALID;
-  KeywordEntry *e = NewEntry(keyword, value);
+  KeywordEntry *e = NewEntry(list, keyword, value);
   if (e == nullptr) return KWL_NOMEM;
   Append(list, e);
   return KWL_OK;
@@ -150,27 +302,30 @@ int AddKeywordToList(KeywordList *list, const char *keyword, const char *value) 
 
 int AddValueToList(KeywordList *list, const char *keyword, const char *value) {
   if (!Live(list) || keyword == nullptr || value == nullptr) return KWL_INVALID;
-  KeywordEntry *e = FindEntry(list, keyword);
+  KeywordEntry *prev = nullptr;
+  KeywordEntry *e = FindEntry(list, keyword, &prev);
   if (e == nullptr) return AddKeywordToList(list, keyword, value);
-  if (IsInCommaList(value, e->value)) return KWL_OK;
-  if (e->value[0] == '\0') return SetValue(e, value);
-  size_t old = strlen(e->value);
+  const char *current = ValueOf(e);
+  if (IsInCommaList(value, current)) return KWL_OK;
+  if (current[0] == '\0') return SetValue(list, e, prev, value);
+  size_t old = strlen(current);
   size_t add = strlen(value);
   char *joined = static_cast<char *>(malloc(old + 1 + add + 1));
   if (joined == nullptr) return KWL_NOMEM;
-  memcpy(joined, e->value, old);
+  memcpy(joined, current, old);
   joined[old] = ',';
   memcpy(joined + old + 1, value, add + 1);
-  int rc = SetValue(e, joined);
+  int rc = SetValue(list, e, prev, joined);
   free(joined);
   return rc;
 }
 
 int UpdateKeywordInList(KeywordList *list, const char *keyword, const char *value) {
   if (!Live(list) || keyword == nullptr) return KWL_INVALID;
-  KeywordEntry *e = FindEntry(list, keyword);
+  KeywordEntry *prev = nullptr;
+  KeywordEntry *e = FindEntry(list, keyword, &prev);
   if (e == nullptr) return AddKeywordToList(list, keyword, value);
-  return SetValue(e, value);
+  return SetValue(list, e, prev, value);
 }
 
 int RemoveKeywordFmList(KeywordList *list, const char *keyword) {
@@ -195,7 +350,7 @@ int RemoveDuplicateKeywordFmList(KeywordList *list) {
         if (list->kwl_last == e) list->kwl_last = prev;
         if (list->kwl_cursor == e) list->kwl_cursor = next;
         --list->kwl_count;
-        FreeEntry(e);
+        list->kwl_dead += e->span;
         ++removed;
       } else {
         prev = e;
@@ -203,7 +358,9 @@ int RemoveDuplicateKeywordFmList(KeywordList *list) {
       e = next;
     }
   }
-  return removed > 0 ? KWL_DUPLICATE : KWL_OK;
+  if (removed == 0) return KWL_OK;
+  MaybePack(list);
+  return KWL_DUPLICATE;
 }
 
 int ReferenceKeywordInList(KeywordList *list, const char *keyword, char **keyword_out,
@@ -212,7 +369,7 @@ int ReferenceKeywordInList(KeywordList *list, const char *keyword, char **keywor
   KeywordEntry *e = FindEntry(list, keyword);
   if (e == nullptr) return KWL_NOTFOUND;
   if (keyword_out != nullptr) *keyword_out = e->keyword;
-  if (value_out != nullptr) *value_out = e->value;
+  if (value_out != nullptr) *value_out = ValueOf(e);
   return Deliver(e);
 }
 
@@ -222,7 +379,7 @@ int ReferenceNextKeywordInList(KeywordList *list, char **keyword_out, char **val
   KeywordEntry *e = list->kwl_cursor;
   list->kwl_cursor = e->next;
   if (keyword_out != nullptr) *keyword_out = e->keyword;
-  if (value_out != nullptr) *value_out = e->value;
+  if (value_out != nullptr) *value_out = ValueOf(e);
   return Deliver(e);
 }
 
@@ -245,49 +402,27 @@ int GetNextKeywordFmList(KeywordList *list, char *keyword_buf, char *value_buf) 
 
 KeywordList *DuplicateKeywordList(KeywordList *list) {
   if (!Live(list)) return nullptr;
-  KeywordList *copy = CreateKeywordList();
+  // The header and every entry in one allocation.
+  size_t total = 0;
+  for (KeywordEntry *e = list->kwl_first; e != nullptr; e = e->next) total += PackedSize(e);
+  if (total > kMaxBlock) return nullptr;
+  auto *copy = static_cast<KeywordList *>(malloc(kListHead + kBlockHead + total));
   if (copy == nullptr) return nullptr;
-  if (AddKeywordListToList(copy, list) != KWL_OK) {
-    DestroyKeywordList(copy);
-    return nullptr;
-  }
+  *copy = KeywordList{};
+  copy->kwl_magic = kLiveMagic;
+  copy->kwl_shared = 1;
+  KeywordBlock *block = HeaderBlock(copy);
+  *block = KeywordBlock{nullptr, 0, static_cast<uint32_t>(total)};
+  copy->kwl_blocks = block;
+  CopyEntries(copy, list, list->kwl_count);  // cannot fail: the room is there
   copy->kwl_cursor = copy->kwl_first;
   return copy;
 }
 
 int AddKeywordListToList(KeywordList *dest, KeywordList *src) {
   if (!Live(dest) || !Live(src)) return KWL_INVALID;
-  // Copy before linking so that a list appended to itself ends.
-  KeywordEntry *head = nullptr;
-  KeywordEntry *tail = nullptr;
-  unsigned long n = 0;
-  for (KeywordEntry *e = src->kwl_first; e != nullptr; e = e->next) {
-    KeywordEntry *c = NewEntry(e->keyword, e->no_value ? nullptr : e->value);
-    if (c == nullptr) {
-      while (head != nullptr) {
-        KeywordEntry *next = head->next;
-        FreeEntry(head);
-        head = next;
-      }
-      return KWL_NOMEM;
-    }
-    if (tail != nullptr)
-      tail->next = c;
-    else
-      head = c;
-    tail = c;
-    ++n;
-  }
-  if (head == nullptr) return KWL_OK;
-  bool fresh_cursor = dest->kwl_cursor == nullptr && dest->kwl_count == 0;
-  if (dest->kwl_last != nullptr)
-    dest->kwl_last->next = head;
-  else
-    dest->kwl_first = head;
-  dest->kwl_last = tail;
-  dest->kwl_count += n;
-  if (fresh_cursor) dest->kwl_cursor = head;
-  return KWL_OK;
+  // Counted first, so that a list appended to itself ends.
+  return CopyEntries(dest, src, src->kwl_count);
 }
 
 int NumberOfKeywords(KeywordList *list) {

@@ -2,6 +2,9 @@
 // status codes they test.
 #include <gtest/gtest.h>
 
+#include <malloc.h>
+
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -211,6 +214,132 @@ TEST(KeywordList, AppendingCopiesEveryEntryEvenOfItself) {
   EXPECT_EQ(NumberOfKeywords(l.get()), 4);
   AddKeywordToList(l.get(), "y", "9");  // the tail moved with the append
   EXPECT_EQ(All(l.get()).back(), Pairs::value_type("y", "9"));
+}
+
+// Lists live long in a loaded cache and are changed in place many times:
+// whatever storage they use, a long run of changes must leave exactly what a
+// plain model of the list says, with the cursor where the model has it, and
+// must not keep growing.
+TEST(KeywordListStorage, LongRunsOfChangesMatchAModelAndStayBounded) {
+  struct Start {
+    const char *how;
+    std::function<List()> make;
+  } starts[] = {
+      {"created", [] { return MakeList(kAbc); }},
+      {"duplicated", [] { return List(DuplicateKeywordList(MakeList(kAbc).get())); }},
+      {"appended to", [] {
+         List l(CreateKeywordList());
+         AddKeywordListToList(l.get(), MakeList(kAbc).get());
+         return l;
+       }},
+  };
+  for (const Start &start : starts) {
+    SCOPED_TRACE(start.how);
+    List l = start.make();
+    Pairs model = kAbc;
+    size_t cursor = 0;  // index into model of the entry the cursor delivers next
+    // An exhausted cursor stays so when entries are appended, unless the
+    // list was empty.
+    auto appended = [&](const std::string &k, const std::string &v) {
+      bool was_empty = model.empty();
+      bool at_end = cursor >= model.size();
+      model.emplace_back(k, v);
+      if (was_empty)
+        cursor = 0;
+      else if (at_end)
+        cursor = model.size();
+    };
+    unsigned seed = 7;
+    auto rnd = [&seed](unsigned n) {
+      seed = seed * 1103515245u + 12345u;
+      return (seed >> 16) % n;
+    };
+    size_t peak = 0;
+    for (int step = 0; step < 20000; ++step) {
+      std::string kw = "k" + std::to_string(rnd(6));
+      std::string value(rnd(4) == 0 ? 40 + rnd(200) : rnd(12), static_cast<char>('a' + step % 26));
+      auto first = [&] {
+        for (size_t i = 0; i < model.size(); ++i)
+          if (model[i].first == kw) return i;
+        return model.size();
+      };
+      switch (rnd(5)) {
+        case 0:
+          ASSERT_EQ(AddKeywordToList(l.get(), kw.c_str(), value.c_str()), KWL_OK);
+          appended(kw, value);
+          break;
+        case 1: {
+          ASSERT_EQ(UpdateKeywordInList(l.get(), kw.c_str(), value.c_str()), KWL_OK);
+          size_t i = first();
+          if (i == model.size())
+            appended(kw, value);
+          else
+            model[i].second = value;
+          break;
+        }
+        case 2: {
+          RemoveKeywordFmList(l.get(), kw.c_str());
+          Pairs kept;
+          size_t moved = cursor;
+          for (size_t i = 0; i < model.size(); ++i) {
+            if (model[i].first == kw) {
+              if (i < cursor) --moved;
+              continue;
+            }
+            kept.push_back(model[i]);
+          }
+          model = kept;
+          cursor = moved;
+          break;
+        }
+        case 3:
+          l->kwl_cursor = l->kwl_first;  // a caller restarting its walk
+          cursor = 0;
+          break;
+        default:
+          if (cursor < model.size()) {
+            char *k = nullptr, *v = nullptr;
+            ASSERT_EQ(ReferenceNextKeywordInList(l.get(), &k, &v), KWL_OK);
+            ASSERT_EQ(Pairs::value_type(k, v), model[cursor]) << "step " << step;
+            ++cursor;
+          }
+      }
+      size_t bytes = 0;
+      for (const auto &p : model) bytes += p.first.size() + p.second.size();
+      peak = std::max(peak, bytes);
+      if (step % 997 == 0) {
+        Pairs rest(model.begin() + static_cast<long>(cursor), model.end());
+        KeywordEntry *saved = l->kwl_cursor;
+        ASSERT_EQ(Rest(l.get()), rest) << "step " << step;
+        l->kwl_cursor = saved;
+        ASSERT_EQ(NumberOfKeywords(l.get()), static_cast<int>(model.size()));
+      }
+    }
+    EXPECT_EQ(All(l.get()), model);
+    // What the list holds stays within a small multiple of the most it
+    // ever needed, whatever it went through.
+    size_t before = mallinfo2().uordblks;
+    l.reset();
+    size_t held = before - mallinfo2().uordblks;
+    EXPECT_LE(held, 64 * 1024 + 4 * (peak + 32 * model.size())) << "peak " << peak;
+  }
+}
+
+// A string handed in may lie in the list being changed.
+TEST(KeywordListStorage, StringsFromTheListItselfCanBeHandedBack) {
+  List l = MakeList({{"a", "short"}, {"b", "a value long enough to need new room when doubled"}});
+  char *kw = nullptr, *value = nullptr;
+  ReferenceKeywordInList(l.get(), "b", &kw, &value);
+  ASSERT_EQ(UpdateKeywordInList(l.get(), "a", value), KWL_OK);
+  ReferenceKeywordInList(l.get(), "a", &kw, &value);
+  ASSERT_EQ(AddValueToList(l.get(), "a", value), KWL_OK);  // already an item: unchanged
+  ASSERT_EQ(AddKeywordToList(l.get(), kw, value), KWL_OK);
+  EXPECT_EQ(All(l.get()), Pairs({{"a", "a value long enough to need new room when doubled"},
+                                 {"b", "a value long enough to need new room when doubled"},
+                                 {"a", "a value long enough to need new room when doubled"}}));
+  ReferenceKeywordInList(l.get(), "a", &kw, &value);
+  EXPECT_EQ(RemoveKeywordFmList(l.get(), kw), KWL_OK);
+  EXPECT_EQ(All(l.get()), Pairs({{"b", "a value long enough to need new room when doubled"}}));
 }
 
 TEST(KeywordList, GetNextCopiesIntoFixedBuffersAndReportsTruncation) {
