@@ -28,18 +28,14 @@ void IndexLinked(oce *e) {
   const char *alias = AliasOf(e);
   if (alias == nullptr) return;  // a lookup compares objects' aliases: none here
   bool fresh = false;
-  qdcache::IndexSlot *slot = qdcache::Index().Insert(alias, &fresh);
+  qdcache::IndexSlot *slot = qdcache::Index().Insert(alias, e, &fresh);
   if (fresh) {
-    *slot = {e, 1};
+    slot->chained = 1;
     return;
   }
   // A second chained entry of one alias: whichever stands first wins.
   ++slot->chained;
-  oce *first = FirstInChain(e->qd_chain - 1, alias, nullptr);
-  if (first != slot->first) {
-    slot->first = first;
-    qdcache::Index().Rekey(alias, AliasOf(first));
-  }
+  slot->first = FirstInChain(e->qd_chain - 1, alias, nullptr);
 }
 
 void IndexUnlinked(oce *e, unsigned bucket) {
@@ -50,12 +46,12 @@ void IndexUnlinked(oce *e, unsigned bucket) {
   if (--slot->chained == 0) {
     qdcache::Index().Erase(alias);
   } else if (slot->first == e) {
-    // The key is the first entry's own string: key the slot by the next one.
-    slot->first = FirstInChain(bucket, alias, e);
-    if (slot->first == nullptr)
+    // The slot is keyed by its first entry: hand it to the next one.
+    oce *next = FirstInChain(bucket, alias, e);
+    if (next == nullptr)
       qdcache::Index().Erase(alias);
     else
-      qdcache::Index().Rekey(alias, AliasOf(slot->first));
+      slot->first = next;
   }
 }
 
@@ -67,8 +63,23 @@ oce *AddFromPairs(const char *alias, char *const *keys, char *const *values, siz
                   unsigned char status) {
   Count(kAddalias);
   QDtrace(8, kModule, "QDcache_addalias '%s'", alias);
-  KeywordList *methods = CreateKeywordList();
-  KeywordList *attributes = CreateKeywordList();
+  // The pairs are gathered first and then copied once, so that each of the
+  // object's lists is a single block: a load builds hundreds of thousands.
+  KeywordList *gathered[2] = {CreateKeywordList(), CreateKeywordList()};  // methods, attributes
+  KeywordList *methods = nullptr;
+  KeywordList *attributes = nullptr;
+  if (gathered[0] != nullptr && gathered[1] != nullptr) {
+    for (size_t i = 0; i < n; ++i) {
+      for (char *p = values[i]; *p; ++p)
+        if (static_cast<signed char>(*p) < 32 || *p == 127) *p = ' ';
+      bool method = IsMethod(keys[i], static_cast<int>(strlen(keys[i]))) != 0;
+      AddKeywordToList(gathered[method ? 0 : 1], keys[i], values[i]);
+    }
+    methods = DuplicateKeywordList(gathered[0]);
+    attributes = DuplicateKeywordList(gathered[1]);
+  }
+  DestroyKeywordList(gathered[0]);
+  DestroyKeywordList(gathered[1]);
   if (methods == nullptr || attributes == nullptr) QDerror(kModule, "CreateKeywordList failed\n");
   size_t len = strlen(alias);
   char *copy = static_cast<char *>(QDmalloc(kModule, len + 1));
@@ -82,12 +93,6 @@ oce *AddFromPairs(const char *alias, char *const *keys, char *const *values, siz
     DestroyKeywordList(attributes);
     DestroyKeywordList(methods);
     return nullptr;
-  }
-  for (size_t i = 0; i < n; ++i) {
-    for (char *p = values[i]; *p; ++p)
-      if (static_cast<signed char>(*p) < 32 || *p == 127) *p = ' ';
-    AddKeywordToList(IsMethod(keys[i], static_cast<int>(strlen(keys[i]))) ? methods : attributes,
-                     keys[i], values[i]);
   }
   return QDcache_addobj(object, status);
 }

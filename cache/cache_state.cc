@@ -42,71 +42,68 @@ uint32_t AliasIndex::Hash(const char *s) {
   return static_cast<uint32_t>(h ^ (h >> 32));
 }
 
+const char *AliasIndex::Key(const IndexSlot &s) { return s.first->objptr->alias; }
+
 size_t AliasIndex::Probe(const char *alias, uint32_t hash) const {
   size_t mask = slots_.size() - 1;
   for (size_t i = hash & mask;; i = (i + 1) & mask) {
-    const Slot &s = slots_[i];
-    if (s.key == nullptr || (s.hash == hash && strcmp(s.key, alias) == 0)) return i;
+    const IndexSlot &s = slots_[i];
+    if (s.first == nullptr || (s.hash == hash && strcmp(Key(s), alias) == 0)) return i;
   }
 }
 
 IndexSlot *AliasIndex::Find(const char *alias) const {
   if (used_ == 0) return nullptr;
-  const Slot &s = slots_[Probe(alias, Hash(alias))];
-  return s.key != nullptr ? const_cast<IndexSlot *>(&s.value) : nullptr;
+  const IndexSlot &s = slots_[Probe(alias, Hash(alias))];
+  return s.first != nullptr ? const_cast<IndexSlot *>(&s) : nullptr;
 }
 
-IndexSlot *AliasIndex::Insert(const char *alias, bool *fresh) {
-  if ((used_ + 1) * 2 > slots_.size()) Grow();
+IndexSlot *AliasIndex::Insert(const char *alias, oce *first, bool *fresh) {
+  // Up to 4/5 full: probes stay short because each compares the hash first.
+  if ((used_ + 1) * 5 > slots_.size() * 4) Grow();
   uint32_t hash = Hash(alias);
-  Slot &s = slots_[Probe(alias, hash)];
-  *fresh = s.key == nullptr;
+  IndexSlot &s = slots_[Probe(alias, hash)];
+  *fresh = s.first == nullptr;
   if (*fresh) {
-    s = Slot{alias, hash, IndexSlot{nullptr, 0}};
+    s = IndexSlot{first, 0, hash};
     ++used_;
   }
-  return &s.value;
+  return &s;
 }
 
 void AliasIndex::Erase(const char *alias) {
   if (used_ == 0) return;
   size_t mask = slots_.size() - 1;
   size_t hole = Probe(alias, Hash(alias));
-  if (slots_[hole].key == nullptr) return;
-  slots_[hole].key = nullptr;
+  if (slots_[hole].first == nullptr) return;
+  slots_[hole].first = nullptr;
   --used_;
   // Shift back the run after the hole, so that probes never stop early.
-  for (size_t i = (hole + 1) & mask; slots_[i].key != nullptr; i = (i + 1) & mask) {
+  for (size_t i = (hole + 1) & mask; slots_[i].first != nullptr; i = (i + 1) & mask) {
     size_t home = slots_[i].hash & mask;
     bool movable = hole <= i ? (home <= hole || home > i) : (home <= hole && home > i);
     if (movable) {
       slots_[hole] = slots_[i];
-      slots_[i].key = nullptr;
+      slots_[i].first = nullptr;
       hole = i;
     }
   }
 }
 
-void AliasIndex::Rekey(const char *alias, const char *key) {
-  if (used_ == 0) return;
-  Slot &s = slots_[Probe(alias, Hash(alias))];
-  if (s.key != nullptr) s.key = key;
-}
-
 void AliasIndex::Clear() {
-  slots_.clear();
+  std::vector<IndexSlot>().swap(slots_);
   used_ = 0;
 }
 
 void AliasIndex::Grow() {
-  std::vector<Slot> old;
+  std::vector<IndexSlot> old;
   old.swap(slots_);
-  slots_.assign(old.empty() ? 1024 : old.size() * 2, Slot{nullptr, 0, IndexSlot{nullptr, 0}});
+  slots_.assign(old.empty() ? 1024 : old.size() * 2, IndexSlot{nullptr, 0, 0});
   size_t mask = slots_.size() - 1;
-  for (const Slot &s : old) {
-    if (s.key == nullptr) continue;
+  for (const IndexSlot &s : old) {
+    if (s.first == nullptr) continue;
     size_t i = s.hash & mask;
-    while (slots_[i].key != nullptr) i = (i + 1) & mask;
+    while (slots_[i].first != nullptr) i = (i + 1) & mask;
     slots_[i] = s;
   }
 }

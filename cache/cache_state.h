@@ -43,33 +43,30 @@ inline void Count(Counter c) { ++qdcache_info[c]; }
 
 // alias -> the first entry of that alias in chain order, and how many
 // entries of that alias are chained (more than one only through direct use
-// of QDcache_hash_enq). Open addressing: no allocation per entry. The key is
-// the first entry's own alias string.
+// of QDcache_hash_enq). Open addressing, no allocation per entry; a slot is
+// keyed by its first entry's own alias, so it holds no string of its own.
 struct IndexSlot {
-  oce *first;
-  unsigned chained;
+  oce *first;  // nullptr: empty slot
+  uint32_t chained;
+  uint32_t hash;  // private to the index
 };
 
 class AliasIndex {
  public:
   IndexSlot *Find(const char *alias) const;
-  // The slot of the alias, added (zeroed, keyed by `alias`) when absent.
-  IndexSlot *Insert(const char *alias, bool *fresh);
+  // The slot of the alias; when absent it is added with `first` and
+  // nothing chained.
+  IndexSlot *Insert(const char *alias, oce *first, bool *fresh);
+  // Drops the slot; its first entry must still carry the alias.
   void Erase(const char *alias);
-  // Keys the alias's slot by another string of the same text.
-  void Rekey(const char *alias, const char *key);
   void Clear();
 
  private:
-  struct Slot {
-    const char *key;  // nullptr: empty
-    uint32_t hash;
-    IndexSlot value;
-  };
   static uint32_t Hash(const char *s);
+  static const char *Key(const IndexSlot &s);
   size_t Probe(const char *alias, uint32_t hash) const;  // its slot, or the empty one where it would go
   void Grow();
-  std::vector<Slot> slots_;
+  std::vector<IndexSlot> slots_;
   size_t used_ = 0;
 };
 AliasIndex &Index();
