@@ -1,18 +1,16 @@
 // Writing the cache back, and freeing it.
 //
-// The direct flush rewrites the whole table under the table file's write
-// lock, through a journal: the entries are written beside the table and
-// committed before the table itself is touched, so a crash or a full disk
-// at any moment leaves the old table or (after the commit) the new one.
-#include <fcntl.h>
-
+// The direct flush rewrites the table under the table file's write lock,
+// through a journal (devtab::TableRewrite): only the part from the first
+// changed byte on is written beside the table and committed before the table
+// itself is touched, so a crash or a full disk at any moment leaves the old
+// table or (after the commit) the new one; an unchanged table is not written.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <string>
-#include <unistd.h>
 #include <cstring>
 #include <ctime>
+#include <memory>
 
 #include "cache_state.h"
 #include "devtab_file.h"
@@ -24,37 +22,20 @@ namespace {
 
 bool flushing = false;  // set while a flush runs
 
-// The journal as a stream whose writes pass the file seam (so that a full
-// disk can be simulated).
-ssize_t JournalWrite(void *cookie, const char *buf, size_t size) {
-  int fd = *static_cast<int *>(cookie);
-  size_t done = 0;
-  while (done < size) {
-    ssize_t n = devtab::sys::Write(fd, buf + done, size - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) return done > 0 ? static_cast<ssize_t>(done) : -1;
-    done += static_cast<size_t>(n);
+// The entry writer's output, fed to the rewrite of the table.
+ssize_t RewriteWrite(void *cookie, const char *buf, size_t size) {
+  if (int err = static_cast<devtab::TableRewrite *>(cookie)->Append(buf, size)) {
+    errno = err;
+    return -1;
   }
-  return static_cast<ssize_t>(done);
+  return static_cast<ssize_t>(size);
 }
 
-int JournalClose(void *cookie) {
-  int *fd = static_cast<int *>(cookie);
-  int rc = close(*fd);
-  delete fd;
-  return rc;
-}
-
-FILE *OpenJournal(const std::string &path) {
-  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) return nullptr;
-  cookie_io_functions_t io = {nullptr, JournalWrite, nullptr, JournalClose};
-  int *cookie = new int(fd);
-  FILE *f = fopencookie(cookie, "w", io);
-  if (f == nullptr) {
-    close(fd);
-    delete cookie;
-  }
+FILE *OpenRewriteStream(devtab::TableRewrite *rewrite) {
+  cookie_io_functions_t io = {nullptr, RewriteWrite, nullptr, nullptr};
+  FILE *f = fopencookie(rewrite, "w", io);
+  // Few large appends: each one is compared with the old table, or written.
+  if (f != nullptr) setvbuf(f, nullptr, _IOFBF, 64 << 10);
   return f;
 }
 
@@ -99,22 +80,24 @@ int QDcache_flush(void) {
   qdcache_on = 0;
   bool direct = qdc_rc.directsave != 0;
   FILE *table_stream = nullptr;
-  FILE *journal = nullptr;
-  std::string table;
+  FILE *stream = nullptr;
+  std::unique_ptr<devtab::TableRewrite> rewrite;
   if (direct) {
     if (QDlock_fp(QDWRITE) != 0) {
       QDtrace(5, kModule, "Cannot obtain a write lock for the device table file");
       return -1;
     }
-    table = qdlock::file.file;
-    journal = OpenJournal(devtab::JournalPath(table));
-    if (journal == nullptr) {
-      QDtrace(2, kModule, "Cannot reset device table file for cache flush, errno %d", errno);
+    rewrite = std::make_unique<devtab::TableRewrite>(qdlock::file.file, qdlock::file.fd);
+    int err = rewrite->Begin();
+    if (err == 0 && (stream = OpenRewriteStream(rewrite.get())) == nullptr) err = errno;
+    if (err != 0) {
+      QDtrace(2, kModule, "Cannot reset device table file for cache flush, errno %d", err);
+      rewrite.reset();
       QDunlock_fp(QDWRITE);
       return -1;
     }
     table_stream = QDlock_fptr;
-    QDlock_fptr = journal;  // the entry writer writes to the journal
+    QDlock_fptr = stream;  // the entry writer writes to the rewrite
   }
   flushing = true;
   KeywordList *stamp = CreateKeywordList();
@@ -141,16 +124,15 @@ int QDcache_flush(void) {
   }
   if (direct) {
     QDlock_fptr = table_stream;
-    bool written = result == 0 && fflush(journal) == 0 && ferror(journal) == 0;
-    if (fclose(journal) != 0) written = false;
+    bool written = result == 0 && fflush(stream) == 0 && ferror(stream) == 0;
+    if (fclose(stream) != 0) written = false;
     if (!written) {
-      // The table was never touched: the old one stands whole.
-      unlink(devtab::JournalPath(table).c_str());
-      result = -1;
-    } else if (int err = devtab::CommitJournal(table, qdlock::file.fd)) {
+      result = -1;  // the table was never touched: the old one stands whole
+    } else if (int err = rewrite->Commit()) {
       QDtrace(3, kModule, "Cannot rewrite device table file, errno %d", err);
       result = -1;
     }
+    rewrite.reset();  // drops an uncommitted journal while the lock is held
     QDunlock_fp(QDWRITE);
   }
   flushing = false;

@@ -1,7 +1,5 @@
 #include "common.h"
 
-#include <fcntl.h>
-
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -20,14 +18,10 @@ std::string TablePath(const char *option) {
   return env != nullptr && *env != '\0' ? env : QD_DEVTAB_PATH;
 }
 
-std::string ReadableTablePath(const char *option) { return devtab::ReadablePath(TablePath(option)); }
-
-int OpenTable(const std::string &path) {
-  int fd;
-  do fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  while (fd < 0 && errno == EINTR);
-  if (fd < 0) Fail("cannot read %s: %s", path.c_str(), strerror(errno));
-  return fd;
+bool OpenTable(const std::string &path, devtab::TableReader *reader) {
+  int err = reader->OpenFile(path);
+  if (err != 0) Fail("cannot read %s: %s", path.c_str(), strerror(err));
+  return err == 0;
 }
 
 void ReportDefect(const std::string &path, const devtab::RawEntry &raw, devtab::Defect defect) {

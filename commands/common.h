@@ -24,12 +24,9 @@ extern const char *program;  // for messages
 // -t TABLE, else TAV_DEVTAB, else the default table.
 std::string TablePath(const char *option);
 
-// The file to read for the table's current content (a committed rewrite
-// that is not yet copied into place, or the table).
-std::string ReadableTablePath(const char *option);
-
-// Opens the table for reading; on failure prints why and returns -1.
-int OpenTable(const std::string &path);
+// Opens the table's current content for reading (with a committed rewrite
+// not yet copied into place); on failure prints why and returns false.
+bool OpenTable(const std::string &path, devtab::TableReader *reader);
 
 // Reports a malformed entry on standard error.
 void ReportDefect(const std::string &path, const devtab::RawEntry &raw, devtab::Defect defect);

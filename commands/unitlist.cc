@@ -90,13 +90,13 @@ int main(int argc, char **argv) {
     }
     criteria.push_back(std::move(c));
   }
-  std::string path = ReadableTablePath(table);
-  int fd = OpenTable(path);
-  if (fd < 0) return kNoTable;
+  std::string path = TablePath(table);
+  devtab::TableReader reader;
+  if (!OpenTable(path, &reader)) return kNoTable;
 
   static char outbuf[1 << 16];
   setvbuf(stdout, outbuf, _IOFBF, sizeof outbuf);
-  devtab::EntryStream stream(fd);
+  devtab::EntryStream stream(&reader);
   devtab::RawEntry raw;
   devtab::Entry entry;
   while (stream.Next(&raw)) {
@@ -111,7 +111,6 @@ int main(int argc, char **argv) {
     fwrite(entry.alias.data(), 1, entry.alias.size(), stdout);
     fputc('\n', stdout);
   }
-  close(fd);
   if (stream.error() != 0) {
     Fail("cannot read %s: %s", path.c_str(), strerror(stream.error()));
     return kNoTable;

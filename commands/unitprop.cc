@@ -47,10 +47,10 @@ const std::string *Lookup(const devtab::Entry &e, const char *name) {
 
 // The first well-formed entry of the table whose alias is `alias`.
 // A read error mid-way counts as a table that cannot be read (*error set).
-bool Find(int fd, const char *alias, devtab::Entry *entry, int *error) {
+bool Find(devtab::TableReader *table, const char *alias, devtab::Entry *entry, int *error) {
   std::string spelt;
   devtab::AppendEscapedAlias(&spelt, alias);
-  devtab::EntryStream stream(fd);
+  devtab::EntryStream stream(table);
   devtab::RawEntry raw;
   while (stream.Next(&raw)) {
     if (devtab::AliasIs(raw.text, alias, spelt) &&
@@ -81,13 +81,12 @@ int main(int argc, char **argv) {
     return kUsage;
   }
   const char *alias = argv[optind];
-  std::string path = ReadableTablePath(table);
-  int fd = OpenTable(path);
-  if (fd < 0) return kNoTable;
+  std::string path = TablePath(table);
+  devtab::TableReader reader;
+  if (!OpenTable(path, &reader)) return kNoTable;
   devtab::Entry entry;
   int error = 0;
-  if (!Find(fd, alias, &entry, &error)) {
-    close(fd);
+  if (!Find(&reader, alias, &entry, &error)) {
     if (error != 0) {
       Fail("cannot read %s: %s", path.c_str(), strerror(error));
       return kNoTable;
@@ -95,7 +94,6 @@ int main(int argc, char **argv) {
     Fail("no entry for alias %s", alias);
     return kNoEntry;
   }
-  close(fd);
   if (all) {
     PrintAll(entry);
   } else {

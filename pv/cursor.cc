@@ -28,8 +28,9 @@ namespace {
 const char kModule[] = "ReferenceNextAttribute";
 
 struct Cursor {
-  int fd = -1;
-  std::unique_ptr<devtab::EntryStream> stream;
+  int fd = -1;  // the table
+  devtab::TableReader reader;
+  std::unique_ptr<devtab::EntryStream> stream;  // reads through reader
   devtab::Entry entry;
   std::string path;
   size_t field = 0;  // next field of entry: 0-2 positional, then pairs
@@ -80,14 +81,11 @@ char *_pdevtabpath(void) {
 int ResetDeviceTabFile(void) {
   char *raw = _pdevtabpath();
   if (raw == nullptr) return -1;
-  // A committed rewrite not yet copied into place holds the current table.
-  std::string path = devtab::ReadablePath(raw);
+  std::string path = raw;
   free(raw);
   EndWalk();
   cursor.stream.reset();
-  if (StillCurrent(path)) {
-    if (lseek(cursor.fd, 0, SEEK_SET) != 0) return -1;
-  } else {
+  if (!StillCurrent(path)) {
     if (cursor.fd >= 0) close(cursor.fd);
     cursor.path = path;
     do cursor.fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -97,7 +95,12 @@ int ResetDeviceTabFile(void) {
       return -1;
     }
   }
-  cursor.stream = std::make_unique<devtab::EntryStream>(cursor.fd);
+  // A committed rewrite not yet copied into place holds the table's end.
+  if (int err = cursor.reader.Open(path, cursor.fd)) {
+    pv::Trace(8, "ResetDeviceTabFile", "cannot read %s: %s", path.c_str(), strerror(err));
+    return -1;
+  }
+  cursor.stream = std::make_unique<devtab::EntryStream>(&cursor.reader);
   cursor.open = true;
   return 0;
 }

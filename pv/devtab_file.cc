@@ -78,7 +78,7 @@ namespace {
 constexpr size_t kChunk = 64 << 10;
 }
 
-EntryStream::EntryStream(int fd) : fd_(fd), buf_(kChunk, '\0') {}
+EntryStream::EntryStream(TableReader *source) : source_(source), buf_(kChunk, '\0') {}
 
 bool EntryStream::Fill() {
   if (eof_) return false;
@@ -91,7 +91,7 @@ bool EntryStream::Fill() {
   }
   if (end_ == buf_.size()) buf_.resize(buf_.size() * 2);  // one entry bigger than the buffer
   for (;;) {
-    ssize_t n = read(fd_, &buf_[end_], buf_.size() - end_);
+    ssize_t n = source_->Read(&buf_[end_], buf_.size() - end_);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) error_ = errno;
     if (n <= 0) {
@@ -306,7 +306,7 @@ int LockedTable::Replace(std::string_view content) {
   return 0;
 }
 
-// ---------------------------------------------------------------- journal
+// ---------------------------------------------------------------- rewrite
 
 std::string JournalPath(const std::string &table) {
   return DirName(table) + "/." + BaseName(table) + ".flush";
@@ -316,12 +316,32 @@ std::string CommitPath(const std::string &table) {
   return DirName(table) + "/." + BaseName(table) + ".commit";
 }
 
-std::string ReadablePath(const std::string &table) {
-  std::string commit = CommitPath(table);
-  return access(commit.c_str(), F_OK) == 0 ? commit : table;
-}
-
 namespace {
+
+// A journal is this header, then the new content from `prefix` on. The
+// header is written last, just before the sync: a journal is whole when its
+// header is there and accounts for its size.
+struct JournalHeader {
+  char magic[8];
+  uint64_t prefix;  // table bytes kept; the journal's part goes there
+  uint64_t length;  // of the new table
+  uint64_t inode;   // of the table file it was made for
+};
+constexpr char kMagic[8] = {'Q', 'D', 'J', 'R', 'N', 'L', '1', '\n'};
+constexpr size_t kWindow = 64 << 10;  // small: a bigger buffer costs page faults
+
+int ReadHeader(int fd, JournalHeader *h) {
+  struct stat st;
+  if (fstat(fd, &st) != 0) return errno;
+  ssize_t n;
+  do n = pread(fd, h, sizeof *h, 0);
+  while (n < 0 && errno == EINTR);
+  if (n < 0) return errno;
+  bool whole = n == static_cast<ssize_t>(sizeof *h) && memcmp(h->magic, kMagic, sizeof kMagic) == 0 &&
+               h->prefix <= h->length &&
+               static_cast<uint64_t>(st.st_size) == sizeof *h + (h->length - h->prefix);
+  return whole ? 0 : EIO;
+}
 
 void SyncDir(const std::string &path) {
   int dfd = open(DirName(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -331,8 +351,64 @@ void SyncDir(const std::string &path) {
   }
 }
 
-int FinishCopy(const std::string &table, int fd, size_t size) {
-  if (ftruncate(fd, static_cast<off_t>(size)) != 0) return errno;
+// Linux ignores the offset of a write to a descriptor in append mode (the
+// library's table stream is opened "a+"), and copy_file_range refuses one.
+class AppendModeOff {
+ public:
+  explicit AppendModeOff(int fd) : fd_(fd), flags_(fcntl(fd, F_GETFL)) {
+    if (flags_ >= 0 && (flags_ & O_APPEND) != 0) fcntl(fd_, F_SETFL, flags_ & ~O_APPEND);
+  }
+  ~AppendModeOff() {
+    if (flags_ >= 0 && (flags_ & O_APPEND) != 0) fcntl(fd_, F_SETFL, flags_);
+  }
+
+ private:
+  int fd_, flags_;
+};
+
+// Copies `size` bytes between the files; the kernel copies where the file
+// system can, memory does it elsewhere.
+int CopyRange(int in, loff_t from, int out, loff_t to, uint64_t size) {
+  while (size > 0) {
+    ssize_t n = copy_file_range(in, &from, out, &to, size, 0);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    size -= static_cast<uint64_t>(n);
+  }
+  std::unique_ptr<char[]> buf;
+  while (size > 0) {
+    if (!buf) buf.reset(new char[kWindow]);
+    ssize_t n = pread(in, buf.get(), std::min<uint64_t>(size, kWindow), from);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return n < 0 ? errno : EIO;
+    for (ssize_t done = 0; done < n;) {
+      ssize_t w = pwrite(out, buf.get() + done, static_cast<size_t>(n - done), to + done);
+      if (w < 0 && errno == EINTR) continue;
+      if (w < 0) return errno;
+      done += w;
+    }
+    from += n;
+    to += n;
+    size -= static_cast<uint64_t>(n);
+  }
+  return 0;
+}
+
+// Puts the committed part (journal `jfd`) over the table at its offset,
+// cuts the table to its new length, syncs it and drops the commit. Doing it
+// again after a crash half-way gives the same table.
+int CopyCommitted(const std::string &table, int fd, int jfd, const JournalHeader &h) {
+  {
+    AppendModeOff append_off(fd);
+    uint64_t size = h.length - h.prefix, half = size / 2;
+    loff_t from = sizeof h, to = static_cast<loff_t>(h.prefix);
+    if (int err = CopyRange(jfd, from, fd, to, half)) return err;
+    sys::Point("flush-copy-half");
+    loff_t rest = static_cast<loff_t>(half);
+    if (int err = CopyRange(jfd, from + rest, fd, to + rest, size - half)) return err;
+  }
+  sys::Point("flush-suffix-copied");
+  if (ftruncate(fd, static_cast<off_t>(h.length)) != 0) return errno;
   if (sys::Fsync(fd) != 0) return errno;
   sys::Point("flush-copied");
   unlink(CommitPath(table).c_str());
@@ -340,87 +416,193 @@ int FinishCopy(const std::string &table, int fd, size_t size) {
   return 0;
 }
 
-// Copies the committed content over the table, in place, then drops it.
-// The kernel copies between the files; a file system that cannot falls back
-// to reading and writing through memory.
-int CopyCommitted(const std::string &table, int fd) {
-  std::string commit = CommitPath(table);
-  int in = open(commit.c_str(), O_RDONLY | O_CLOEXEC);
-  if (in < 0) return errno;
-  struct stat st;
-  if (fstat(in, &st) != 0) {
-    int err = errno;
-    close(in);
-    return err;
-  }
-  size_t size = static_cast<size_t>(st.st_size);
-  int flags0 = fcntl(fd, F_GETFL);
-  if (flags0 >= 0 && (flags0 & O_APPEND) != 0) fcntl(fd, F_SETFL, flags0 & ~O_APPEND);
-  loff_t from = 0, to = 0;
-  bool copied = true;
-  while (static_cast<size_t>(from) < size) {
-    if (static_cast<size_t>(from) >= size / 2) sys::Point("flush-copy-half");
-    size_t chunk = std::min<size_t>(size - static_cast<size_t>(from), std::max<size_t>(size / 2, 1));
-    ssize_t n = copy_file_range(in, &from, fd, &to, chunk, 0);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      copied = false;
-      break;
-    }
-  }
-  close(in);
-  if (flags0 >= 0 && (flags0 & O_APPEND) != 0) fcntl(fd, F_SETFL, flags0);
-  if (copied) return FinishCopy(table, fd, size);
-  Image image;
-  int err = image.Load(commit.c_str());
-  if (err != 0) return err;
-  std::string_view content = image.view();
-  // The descriptor may be in append mode (a stream opened "a+" on it), in
-  // which Linux ignores pwrite's offset: append mode is off for the copy.
-  int flags = fcntl(fd, F_GETFL);
-  if (flags >= 0 && (flags & O_APPEND) != 0) fcntl(fd, F_SETFL, flags & ~O_APPEND);
-  struct Restore {
-    int fd, flags;
-    ~Restore() {
-      if (flags >= 0 && (flags & O_APPEND) != 0) fcntl(fd, F_SETFL, flags);
-    }
-  } restore{fd, flags};
-  size_t half = content.size() / 2;
-  size_t done = 0;
-  while (done < content.size()) {
-    if (done >= half) sys::Point("flush-copy-half");
-    size_t chunk = std::min<size_t>(content.size() - done, std::max<size_t>(half, 1));
-    ssize_t n = pwrite(fd, content.data() + done, chunk, static_cast<off_t>(done));
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) return errno;
-    done += static_cast<size_t>(n);
-  }
-  return FinishCopy(table, fd, content.size());
-}
-
 }  // namespace
 
-int CommitJournal(const std::string &table, int fd) {
-  std::string journal = JournalPath(table);
-  int jfd = open(journal.c_str(), O_RDONLY | O_CLOEXEC);
-  int err = jfd < 0 ? errno : 0;
-  if (err == 0 && sys::Fsync(jfd) != 0) err = errno;
-  if (jfd >= 0) close(jfd);
-  sys::Point("flush-journal-written");
-  if (err == 0 && sys::Rename(journal.c_str(), CommitPath(table).c_str()) != 0) err = errno;
-  if (err != 0) {
-    unlink(journal.c_str());
-    return err;
+TableRewrite::TableRewrite(std::string table, int fd) : table_(std::move(table)), fd_(fd) {}
+
+TableRewrite::~TableRewrite() {
+  if (journal_ >= 0) Drop(0);
+}
+
+int TableRewrite::Drop(int err) {
+  if (journal_ >= 0) close(journal_);
+  journal_ = -1;
+  if (!committed_) unlink(JournalPath(table_).c_str());
+  return err;
+}
+
+int TableRewrite::Begin() {
+  // A commit left by a crash is finished first: the table's head must be
+  // what readers see before it is compared with anything.
+  if (int err = RecoverRewrite(table_, fd_)) return err;
+  struct stat st;
+  if (fstat(fd_, &st) != 0) return errno;
+  old_size_ = static_cast<uint64_t>(st.st_size);
+  inode_ = st.st_ino;
+  window_.reset(new char[kWindow]);
+  return 0;
+}
+
+bool TableRewrite::Refill() {
+  if (offset_ >= old_size_) return false;
+  sys::Point("flush-comparing");
+  size_t want = std::min<uint64_t>(kWindow, old_size_ - offset_);
+  ssize_t n;
+  do n = pread(fd_, window_.get(), want, static_cast<off_t>(offset_));
+  while (n < 0 && errno == EINTR);
+  // What cannot be read is rewritten: the journal starts there.
+  if (n <= 0) return false;
+  window_base_ = offset_;
+  window_len_ = static_cast<size_t>(n);
+  return true;
+}
+
+int TableRewrite::Diverge() {
+  prefix_ = offset_;
+  journal_ = open(JournalPath(table_).c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (journal_ < 0) return errno;
+  JournalHeader blank{};  // the real one goes in at the commit
+  int err = WriteAll(journal_, std::string_view(reinterpret_cast<char *>(&blank), sizeof blank));
+  sys::Point("flush-diverged");
+  return err;
+}
+
+int TableRewrite::Append(const char *data, size_t size) {
+  if (error_ != 0) return error_;
+  error_ = Take(data, size);
+  return error_;
+}
+
+int TableRewrite::Take(const char *data, size_t size) {
+  while (size > 0 && journal_ < 0) {
+    if (offset_ == window_base_ + window_len_ && !Refill()) {
+      if (int err = Diverge()) return err;
+      break;
+    }
+    size_t n = std::min<uint64_t>(size, window_base_ + window_len_ - offset_);
+    const char *old = window_.get() + (offset_ - window_base_);
+    size_t same = n;
+    if (memcmp(data, old, n) != 0) same = static_cast<size_t>(std::mismatch(data, data + n, old).first - data);
+    offset_ += same;
+    data += same;
+    size -= same;
+    if (same < n) {
+      if (int err = Diverge()) return err;
+    }
   }
-  SyncDir(table);
+  if (size == 0) return 0;
+  offset_ += size;
+  return WriteAll(journal_, std::string_view(data, size));
+}
+
+int TableRewrite::Commit() {
+  if (error_ != 0) return Drop(error_);
+  if (journal_ < 0) {
+    if (offset_ == old_size_) return 0;  // the table holds the new content already
+    if (int err = Diverge()) return Drop(err);  // the new content ends early
+  }
+  JournalHeader h{};
+  memcpy(h.magic, kMagic, sizeof kMagic);
+  h.prefix = prefix_;
+  h.length = offset_;
+  h.inode = inode_;
+  int err = 0;
+  if (pwrite(journal_, &h, sizeof h, 0) != static_cast<ssize_t>(sizeof h)) err = errno != 0 ? errno : EIO;
+  if (err == 0 && sys::Fsync(journal_) != 0) err = errno;
+  sys::Point("flush-journal-written");
+  if (err == 0 && sys::Rename(JournalPath(table_).c_str(), CommitPath(table_).c_str()) != 0) err = errno;
+  if (err != 0) return Drop(err);
+  committed_ = true;
+  SyncDir(table_);
   sys::Point("flush-committed");
-  return CopyCommitted(table, fd);
+  return Drop(CopyCommitted(table_, fd_, journal_, h));
 }
 
 int RecoverRewrite(const std::string &table, int fd) {
   unlink(JournalPath(table).c_str());  // never committed: the table stands
-  if (access(CommitPath(table).c_str(), F_OK) != 0) return 0;
-  return CopyCommitted(table, fd);
+  std::string commit = CommitPath(table);
+  int jfd = open(commit.c_str(), O_RDONLY | O_CLOEXEC);
+  if (jfd < 0) return errno == ENOENT ? 0 : errno;
+  JournalHeader h;
+  struct stat st;
+  int err = ReadHeader(jfd, &h);
+  if (err == 0 && fstat(fd, &st) != 0) err = errno;
+  if (err == 0 && h.inode == st.st_ino) {
+    err = CopyCommitted(table, fd, jfd, h);
+  } else if (err == 0) {
+    // Made for a table file that has since been replaced: it is void.
+    unlink(commit.c_str());
+    SyncDir(table);
+  }
+  close(jfd);
+  return err;
+}
+
+// ---------------------------------------------------------------- TableReader
+
+TableReader::~TableReader() { Close(); }
+
+void TableReader::Close() {
+  if (suffix_fd_ >= 0) close(suffix_fd_);
+  suffix_fd_ = -1;
+  if (own_fd_ && fd_ >= 0) close(fd_);
+  own_fd_ = false;
+}
+
+int TableReader::OpenFile(const std::string &table) {
+  Close();
+  int fd;
+  do fd = open(table.c_str(), O_RDONLY | O_CLOEXEC);
+  while (fd < 0 && errno == EINTR);
+  if (fd < 0) return errno;
+  int err = Open(table, fd);
+  own_fd_ = true;
+  return err;
+}
+
+int TableReader::Open(const std::string &table, int fd) {
+  if (fd != fd_) Close();
+  if (suffix_fd_ >= 0) close(suffix_fd_);
+  suffix_fd_ = -1;
+  fd_ = fd;
+  pos_ = 0;
+  // The usual case costs one failed open.
+  int jfd = open(CommitPath(table).c_str(), O_RDONLY | O_CLOEXEC);
+  if (jfd < 0) return errno == ENOENT ? 0 : errno;
+  JournalHeader h;
+  struct stat st;
+  int err = ReadHeader(jfd, &h);
+  if (err == 0 && fstat(fd, &st) != 0) err = errno;
+  if (err != 0 || h.inode != st.st_ino) {
+    close(jfd);  // a commit made for a file the path no longer names is void
+    return err;
+  }
+  suffix_fd_ = jfd;
+  prefix_ = h.prefix;
+  length_ = h.length;
+  return 0;
+}
+
+ssize_t TableReader::Read(char *buf, size_t len) {
+  int from = fd_;
+  uint64_t at = pos_;
+  if (suffix_fd_ >= 0) {
+    if (pos_ >= length_) return 0;
+    len = std::min<uint64_t>(len, length_ - pos_);
+    if (pos_ < prefix_) {
+      len = std::min<uint64_t>(len, prefix_ - pos_);
+    } else {
+      from = suffix_fd_;
+      at = sizeof(JournalHeader) + pos_ - prefix_;
+    }
+  }
+  ssize_t n = pread(from, buf, len, static_cast<off_t>(at));
+  if (n == 0 && suffix_fd_ >= 0) {
+    errno = EIO;  // the table or the journal is shorter than the header says
+    return -1;
+  }
+  if (n > 0) pos_ += static_cast<uint64_t>(n);
+  return n;
 }
 
 }  // namespace devtab

@@ -12,6 +12,8 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -40,11 +42,39 @@ class Image {
   size_t capacity_ = 0;
 };
 
-// The entries of a table file, read through one reused buffer: a table of
-// any size is scanned without being held whole.
+// The table's current content, read in order: the table file itself or,
+// while a committed rewrite waits to be copied into place, the table's first
+// bytes (which the copy never touches) followed by the rewrite's end.
+class TableReader {
+ public:
+  explicit TableReader(int fd = -1) : fd_(fd) {}  // that file alone, from its start
+  ~TableReader();
+  TableReader(const TableReader &) = delete;
+  TableReader &operator=(const TableReader &) = delete;
+
+  // Starts over on the content of `table`, through `fd`, a descriptor of the
+  // table that stays the caller's. 0, or the errno of the failure.
+  int Open(const std::string &table, int fd);
+  // The same through a descriptor of its own, closed with the reader.
+  int OpenFile(const std::string &table);
+  // As read(2), from where the last read ended.
+  ssize_t Read(char *buf, size_t len);
+
+ private:
+  void Close();
+  int fd_;
+  bool own_fd_ = false;
+  int suffix_fd_ = -1;   // the committed rewrite, or -1
+  uint64_t prefix_ = 0;  // table bytes before the rewrite's
+  uint64_t length_ = 0;  // of the whole content, when composed
+  uint64_t pos_ = 0;
+};
+
+// The entries of a table, read through one reused buffer: a table of any
+// size is scanned without being held whole.
 class EntryStream {
  public:
-  explicit EntryStream(int fd);
+  explicit EntryStream(TableReader *source);  // which outlives the stream
   // The next entry (blank and comment lines skipped); its text stays valid
   // until the next call. False at the end, or on a read error (see error()).
   bool Next(RawEntry *out);
@@ -52,11 +82,11 @@ class EntryStream {
 
  private:
   bool Fill();  // reads more; false when nothing more came
-  int fd_;
+  TableReader *source_;
   std::string buf_;
   size_t begin_ = 0;  // first byte not yet delivered
   size_t end_ = 0;    // bytes of buf_ in use
-  size_t base_ = 0;   // file offset of buf_[0]
+  size_t base_ = 0;   // content offset of buf_[0]
   size_t line_ = 1;
   bool eof_ = false;
   int error_ = 0;
@@ -98,21 +128,52 @@ class LockedTable {
 };
 
 // A rewrite that keeps the table's identity (the file-pointer locks are on
-// the table file itself). The new content goes to a journal beside the table
-// and is committed by renaming the journal; only then is it copied over the
-// table in place. A crash before the commit leaves the old table and an
-// uncommitted journal that the next writer drops; a crash after it leaves
-// the committed journal, which readers read instead of the table and the
-// next writer copies into place.
+// the table file itself) and writes only what changed. The new content is
+// compared with the table's as it comes; from the first difference on it goes
+// to a journal beside the table, which is committed by a rename and only then
+// copied over the table's end in place. A crash before the commit leaves the
+// old table and an uncommitted journal that the next writer drops; a crash
+// after it leaves the committed journal, which readers read after the
+// table's unchanged head (see TableReader) and the next writer copies.
 std::string JournalPath(const std::string &table);   // <dir>/.<base>.flush
 std::string CommitPath(const std::string &table);    // <dir>/.<base>.commit
-// The file that holds the table's current content.
-std::string ReadablePath(const std::string &table);
-// Syncs and commits the written journal, then copies it into the table
-// through `fd`, which the caller holds under a write lock. 0, or the errno of
-// the failure (before the commit: the table is untouched and the journal
-// gone; after it: the commit stands and the next writer finishes it).
-int CommitJournal(const std::string &table, int fd);
+
+class TableRewrite {
+ public:
+  // `fd`: the table, which the caller holds under a write lock throughout.
+  TableRewrite(std::string table, int fd);
+  ~TableRewrite();  // drops a journal that was not committed
+  TableRewrite(const TableRewrite &) = delete;
+  TableRewrite &operator=(const TableRewrite &) = delete;
+
+  // Finishes an interrupted rewrite first. 0, or the errno of the failure.
+  int Begin();
+  // The next bytes of the new content. 0, or the errno of a failed write.
+  int Append(const char *data, size_t size);
+  // Makes the new content the table's; writes nothing when they are equal.
+  // 0, or the errno of the failure (before the commit: the table is untouched
+  // and the journal gone; after it: the commit stands for the next writer).
+  int Commit();
+
+ private:
+  int Take(const char *data, size_t size);
+  bool Refill();   // the next window of the old content; false at its end
+  int Diverge();   // starts the journal at the first difference
+  int Drop(int err);
+  std::string table_;
+  int fd_;
+  int journal_ = -1;       // open from the first difference on
+  bool committed_ = false;
+  int error_ = 0;          // of a failed append: the rewrite is void
+  uint64_t old_size_ = 0;
+  uint64_t inode_ = 0;
+  uint64_t offset_ = 0;    // new bytes so far
+  uint64_t prefix_ = 0;    // where the journal's part begins
+  std::unique_ptr<char[]> window_;  // old content at [window_base_, +window_len_)
+  uint64_t window_base_ = 0;
+  size_t window_len_ = 0;
+};
+
 // Finishes a committed rewrite, or drops an uncommitted journal. `fd` is the
 // table, held under a write lock. 0, or the errno of a failed copy.
 int RecoverRewrite(const std::string &table, int fd);

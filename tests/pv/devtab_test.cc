@@ -240,7 +240,8 @@ TEST(DevtabFormat, StreamingReaderAgreesWithTheScannerAcrossRefills) {
   ASSERT_EQ(fwrite(image.data(), 1, image.size(), file), image.size());
   fflush(file);
   rewind(file);
-  devtab::EntryStream stream(fileno(file));
+  devtab::TableReader reader(fileno(file));
+  devtab::EntryStream stream(&reader);
   devtab::Scanner scanner(image);
   devtab::RawEntry want, got;
   size_t n = 0;
