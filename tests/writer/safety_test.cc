@@ -52,10 +52,8 @@ TEST_F(Safety, AFlushKilledAtAnyPointLeavesTheOldOrTheNewTable) {
     const char *point;
     bool committed;
   } cases[] = {
-      {"flush-journal-written", false},
-      {"flush-committed", true},
-      {"flush-copy-half", true},
-      {"flush-copied", true},
+      {"flush-diverged", false},      {"flush-journal-written", false}, {"flush-committed", true},
+      {"flush-copy-half", true},      {"flush-suffix-copied", true},    {"flush-copied", true},
   };
   for (const Case &c : cases) {
     box_.WriteTable(ReadFile(testing_support::SampleTablePath()));
@@ -73,6 +71,96 @@ TEST_F(Safety, AFlushKilledAtAnyPointLeavesTheOldOrTheNewTable) {
     EXPECT_EQ(table.find("state=\"offline\"") != std::string::npos, c.committed) << c.point;
     EXPECT_EQ(Aliases(), 32u) << c.point;
   }
+}
+
+// A flush of a cache just loaded from the table writes the entries in
+// reverse order: it rewrites the table from the first byte. Here the table
+// is set to what the flush of the cache writes before one entry changes, so
+// the flush rewrites it from that entry on.
+class OwnOutput : public Safety {
+ protected:
+  void SetUp() override {
+    Safety::SetUp();
+    char line[80];
+    for (int i = 0; i < 4000; ++i)
+      loaded_ += std::string(line, static_cast<size_t>(snprintf(line, sizeof line,
+                                                              "n%04d::::class=\"net\" state=\"old\"\n", i)));
+    box_.WriteTable(loaded_);
+    ASSERT_EQ(QDcache_load(), 0);
+    ASSERT_EQ(QDcache_flush(), 0);
+    output_ = box_.ReadTable();
+  }
+  // Loads the cache, sets the table to the flush's output and changes n2000
+  // (unless `value` is null); the flush is then the caller's.
+  void Prepare(const char *value) {
+    box_.WriteTable(loaded_);
+    ASSERT_EQ(QDcache_load(), 0);
+    box_.WriteTable(output_);
+    if (value != nullptr) {
+      KeywordList *l = CreateKeywordList();
+      AddKeywordToList(l, "state", value);
+      ASSERT_EQ(QDput("n2000", l), 0);  // with the cache on: no flush yet
+      DestroyKeywordList(l);
+    }
+  }
+  // Flushes in a child process with `fault`; frees the cache here.
+  int FlushInChild(const char *fault) {
+    pid_t pid = fork();
+    if (pid == 0) {
+      setenv("QD_FAULT", fault, 1);
+      _exit(QDcache_flush() == 0 ? 0 : 1);
+    }
+    int st = 0;
+    waitpid(pid, &st, 0);
+    QDcache_free();
+    return WIFSIGNALED(st) ? -WTERMSIG(st) : WEXITSTATUS(st);
+  }
+  std::string loaded_, output_;
+};
+
+TEST_F(OwnOutput, AFlushKilledAtAnyPointLeavesTheOldOrTheNewEntries) {
+  Prepare("new");
+  ASSERT_EQ(QDcache_flush(), 0);
+  const std::string changed = box_.ReadTable();
+  struct Case {
+    const char *point;
+    bool committed;
+  } cases[] = {
+      {"flush-comparing", false}, {"flush-diverged", false}, {"flush-journal-written", false},
+      {"flush-committed", true},  {"flush-copy-half", true}, {"flush-suffix-copied", true},
+      {"flush-copied", true},
+  };
+  for (const Case &c : cases) {
+    Prepare("new");
+    ASSERT_EQ(FlushInChild((std::string("kill@") + c.point).c_str()), -SIGKILL) << c.point;
+    // The commands and the library's own reader see the same whole table.
+    EXPECT_EQ(Aliases(), 4000u) << c.point;
+    EXPECT_EQ(Prop("n2000", "state"), c.committed ? "new" : "old") << c.point;
+    EXPECT_EQ(Prop("n0000", "state"), "old") << c.point;
+    EXPECT_EQ(Prop("n3999", "state"), "old") << c.point;
+    ASSERT_EQ(QDcache_load(), 0);
+    EXPECT_EQ(Attr("n2000", "state"), c.committed ? "new" : "old") << c.point;
+    EXPECT_EQ(Attr("n0000", "class"), "net") << c.point;
+    QDcache_free();
+    // The next writer finishes (or drops) it.
+    ASSERT_EQ(QDlock_fp(QDWRITE), 0);
+    ASSERT_EQ(QDunlock_fp(QDWRITE), 0);
+    EXPECT_TRUE(box_.ReadTable() == (c.committed ? changed : output_)) << c.point;
+    EXPECT_NE(access(box_.Path(".units.tab.commit").c_str(), F_OK), 0) << c.point;
+    EXPECT_NE(access(box_.Path(".units.tab.flush").c_str(), F_OK), 0) << c.point;
+  }
+}
+
+TEST_F(OwnOutput, AFlushWithNothingChangedWritesNothing) {
+  Prepare(nullptr);
+  struct stat before, after;
+  ASSERT_EQ(stat(box_.table().c_str(), &before), 0);
+  // Killed if it began a journal or synced anything.
+  EXPECT_EQ(FlushInChild("kill@flush-diverged,eio@fsync"), 0);
+  ASSERT_EQ(stat(box_.table().c_str(), &after), 0);
+  EXPECT_TRUE(box_.ReadTable() == output_);
+  EXPECT_EQ(after.st_mtim.tv_sec, before.st_mtim.tv_sec);
+  EXPECT_EQ(after.st_mtim.tv_nsec, before.st_mtim.tv_nsec);
 }
 
 TEST_F(Safety, UnitmodFinishesAnInterruptedRewriteFirst) {
