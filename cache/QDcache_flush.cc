@@ -153,6 +153,8 @@ void QDcache_free(void) {
   long start = static_cast<long>(time(nullptr));
   qdcache_running_sec = start;
   qdcache_on = 0;
+  // Every entry goes: the alias index need not follow them one by one.
+  qdcache::Index().Clear();
   for (oce *e = qdcache_ocp->next; e != qdcache_ocp;) {
     oce *next = e->next;
     QDcache_rmobj(e);

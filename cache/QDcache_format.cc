@@ -1,7 +1,7 @@
 // Writing table entries: the escapes, the head of an entry and its pairs.
 //
-// Heads and pairs longer than the writer's buffers are written in full from
-// buffers sized to them: an entry is never cut and never lost.
+// Heads and pairs are built in buffers that grow to what they need: an
+// entry is never cut and never lost.
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -31,6 +31,23 @@ std::string &HeadBuffer() {
 std::string &PairBuffer() {
   static std::string buffer;
   return buffer;
+}
+
+// Appends s with its special characters escaped, leaving out the character
+// `omit` (none when it is -1).
+void AppendEscaped(std::string *out, const char *s, int omit) {
+  auto omitted = [omit](char c) { return omit >= 0 && c == static_cast<char>(omit); };
+  for (;;) {
+    const char *run = s;
+    while (*s != '\0' && !Special(*s) && !omitted(*s)) ++s;
+    out->append(run, static_cast<size_t>(s - run));
+    if (*s == '\0') return;
+    if (!omitted(*s)) {
+      *out += '\\';
+      *out += *s;
+    }
+    ++s;
+  }
 }
 
 }  // namespace
@@ -70,34 +87,24 @@ int strcpyesc_omit_ch(char *dest, const char *src, int ch) {
 }
 
 int flush_alias_to_stream(const char *alias, KeywordList *attributes) {
-  // The head is escaped into a buffer of its own size (at least the usual
-  // 512 bytes), so no head is ever cut.
-  size_t need = strlenesc(alias) + 4 + 1;
-  const char *positional[] = {"cdevice", "bdevice", "pathname"};
-  char *values[3] = {nullptr, nullptr, nullptr};
-  for (int i = 0; i < 3; ++i) {
-    char *kw;
-    if (attributes != nullptr && ReferenceKeywordInList(attributes, positional[i], &kw, &values[i]) == 0)
-      need += strlenesc(values[i]);
-    else
-      values[i] = nullptr;
-  }
+  // The head grows to whatever it needs, so no head is ever cut.
   std::string &head = HeadBuffer();
-  head.assign(need < 512 ? 512 : need + 1, '\0');
+  head.clear();
   // An alias that starts like a comment or blank line would be skipped by
   // readers: its first character takes a backslash too.
-  bool guard = *alias == '#' || *alias == ' ' || *alias == '\t';
-  if (guard) head[0] = '\\';
-  strcpyesc(&head[guard ? 1 : 0], alias);
-  strcat(&head[0], ":");
-  for (int i = 0; i < 3; ++i) {
-    if (values[i] != nullptr) {
-      strcatesc(&head[0], values[i]);
-      RemoveKeywordFmList(attributes, positional[i]);  // values[i] is gone now
+  if (*alias == '#' || *alias == ' ' || *alias == '\t') head += '\\';
+  AppendEscaped(&head, alias, -1);
+  head += ':';
+  for (const char *positional : {"cdevice", "bdevice", "pathname"}) {
+    char *kw;
+    char *value;
+    if (attributes != nullptr && ReferenceKeywordInList(attributes, positional, &kw, &value) == 0) {
+      AppendEscaped(&head, value, -1);
+      RemoveKeywordFmList(attributes, positional);  // value is gone now
     }
-    strcat(&head[0], ":");
+    head += ':';
   }
-  if (fprintf(QDlock_fptr, "%s", head.c_str()) < 0) {
+  if (fwrite(head.data(), 1, head.size(), QDlock_fptr) != head.size()) {
     QDtrace(3, "flush_alias_to_stream", "flush_alias_to_stream: fprintf failed, errno %d", errno);
     return -1;
   }
@@ -111,9 +118,8 @@ int flush_kwlist_to_stream(FILE *stream, KeywordList *list, int blank) {
   list->kwl_cursor = list->kwl_first;
   std::string &buffer = PairBuffer();
   buffer.clear();
-  buffer.reserve(kPairBuffer);
   auto write_out = [&]() {
-    if (fprintf(stream, "%s", buffer.c_str()) < 0) {
+    if (fwrite(buffer.data(), 1, buffer.size(), stream) != buffer.size()) {
       QDtrace(3, "flush_kwlist_to_stream", "flush_kwlist_to_stream: fprintf failed, errno %d", errno);
       return false;
     }
@@ -124,23 +130,16 @@ int flush_kwlist_to_stream(FILE *stream, KeywordList *list, int blank) {
   char *value;
   int st;
   while ((st = ReferenceNextKeywordInList(list, &kw, &value)) == KWL_OK || st == KWL_WARN) {
-    size_t klen = strlenesc(kw), vlen = strlenesc(value);
-    if (buffer.size() + klen + vlen + 8 >= kPairBuffer && !buffer.empty() && !write_out()) return -1;
-    size_t at = buffer.size();
-    buffer.resize(at + (blank ? 1 : 0) + klen + 2 + vlen + 1);
-    char *p = &buffer[at];
-    if (blank) *p++ = ' ';
-    strcpyesc(p, kw);
-    p += klen;
-    *p++ = '=';
-    *p++ = '"';
-    p += strcpyesc_omit_ch(p, value, '"');
-    *p++ = '"';
-    buffer.resize(static_cast<size_t>(p - buffer.data()));
+    if (buffer.size() >= kPairBuffer && !write_out()) return -1;
+    if (blank) buffer += ' ';
+    AppendEscaped(&buffer, kw, -1);
+    buffer += "=\"";
+    AppendEscaped(&buffer, value, '"');
+    buffer += '"';
     blank = 1;
   }
   if (st != KWL_END) rc = st;
-  if (buffer.size() > 1 && !write_out()) return -1;
+  if (!buffer.empty() && !write_out()) return -1;
   return rc;
 }
 
@@ -149,7 +148,7 @@ int QDcache_flush_put(const char *alias, KeywordList *attributes, KeywordList *m
   if (attributes != nullptr && flush_kwlist_to_stream(QDlock_fptr, attributes, 0) != 0) return -1;
   if (methods != nullptr && flush_kwlist_to_stream(QDlock_fptr, methods, attributes != nullptr) != 0)
     return -1;
-  if (fprintf(QDlock_fptr, "\n") < 0) {
+  if (fputc('\n', QDlock_fptr) == EOF) {
     QDtrace(3, "QDcache_flush_put", "QDcache_flush_put: fprintf failed, errno %d", errno);
     return -1;
   }

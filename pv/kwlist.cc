@@ -76,8 +76,10 @@ bool Reserve(KeywordList *list, size_t need, size_t room) {
 // Room for a block added by single entries: doubling, up to a limit.
 size_t GrowthRoom(KeywordList *list) {
   const KeywordBlock *b = list->kwl_blocks;
-  // A copy's own block is exact; entries added to it later are few.
-  if (b == nullptr || b->room == 0 || b == HeaderBlock(list)) return kFirstRoom;
+  // A copy is exact and mostly stays as it is: what is added to it later
+  // (a time stamp at a flush) gets just its own room.
+  if (list->kwl_shared && (b == nullptr || b == HeaderBlock(list))) return 0;
+  if (b == nullptr || b->room == 0) return kFirstRoom;
   return b->room >= kMaxGrowth / 2 ? kMaxGrowth : b->room * 2;
 }
 

@@ -61,11 +61,16 @@ TEST_F(Stamps, TextFormOfStamps) {
       {Stamp(97, 2, 14, 9, 5, 3, 5, 72, 0), "0097,02,14,09,05,03,5,072,00"},
       {Stamp(124, 11, 31, 23, 59, 59, 2, 365, 0), "0124,11,31,23,59,59,2,365,00"},
       {Stamp(97, 2, 14, 9, 5, 3, 5, 72, -1), "0097,02,14,09,05,03,5,072,-1"},
+      {Stamp(9999, 99, 99, 99, 99, 99, 9, 999, 99), "9999,99,99,99,99,99,9,999,99"},
   };
   for (const Case &c : cases) {
     EXPECT_EQ(Text(c.stamp), c.text);
     EXPECT_EQ(Text(Read(c.text)), c.text) << "round trip";
   }
+  // Fields wider than their place are written whole, then cut to the
+  // value's length.
+  EXPECT_EQ(Text(Stamp(12345, 100, 1, 1, 1, 1, 10, 1000, 1)), "12345,100,01,01,01,01,10,100");
+  EXPECT_EQ(Text(Stamp(97, 2, 14, 9, -5, 3, 5, 72, 0)), "0097,02,14,09,-5,03,5,072,00");
   struct tm t = Read("0097,02,14,09,05,03,5,072,00");
   EXPECT_EQ(t.tm_sec, 3);
   EXPECT_EQ(t.tm_min, 5);
