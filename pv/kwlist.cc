@@ -341,28 +341,13 @@ int RemoveKeywordFmList(KeywordList *list, const char *keyword) {
 int RemoveDuplicateKeywordFmList(KeywordList *list) {
   if (!Live(list)) return KWL_INVALID;
   // Lists here are an object's attributes: short, so quadratic is cheapest.
-  int removed = 0;
-  for (KeywordEntry *keep = list->kwl_first; keep != nullptr; keep = keep->next) {
-    const char *kw = keep->keyword;
-    KeywordEntry *prev = keep;
-    for (KeywordEntry *e = keep->next; e != nullptr;) {
-      KeywordEntry *next = e->next;
-      if (strcmp(e->keyword, kw) == 0) {
-        prev->next = next;
-        if (list->kwl_last == e) list->kwl_last = prev;
-        if (list->kwl_cursor == e) list->kwl_cursor = next;
-        --list->kwl_count;
-        list->kwl_dead += e->span;
-        ++removed;
-      } else {
-        prev = e;
-      }
-      e = next;
-    }
-  }
-  if (removed == 0) return KWL_OK;
-  MaybePack(list);
-  return KWL_DUPLICATE;
+  // The walk from the first entry meets only the entries kept so far.
+  int removed = RemoveIf(list, [list](const KeywordEntry *e) {
+    for (const KeywordEntry *k = list->kwl_first; k != e; k = k->next)
+      if (strcmp(k->keyword, e->keyword) == 0) return true;
+    return false;
+  });
+  return removed > 0 ? KWL_DUPLICATE : KWL_OK;
 }
 
 int ReferenceKeywordInList(KeywordList *list, const char *keyword, char **keyword_out,

@@ -249,10 +249,10 @@ TEST(KeywordListStorage, LongRunsOfChangesMatchAModelAndStayBounded) {
       else if (at_end)
         cursor = model.size();
     };
-    unsigned seed = 7;
-    auto rnd = [&seed](unsigned n) {
-      seed = seed * 1103515245u + 12345u;
-      return (seed >> 16) % n;
+    unsigned state = 7;
+    auto rnd = [&state](unsigned n) {
+      state = state * 1103515245u + 12345u;
+      return (state >> 16) % n;
     };
     size_t peak = 0;
     for (int step = 0; step < 20000; ++step) {
