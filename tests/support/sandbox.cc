@@ -41,6 +41,10 @@ Sandbox::Sandbox() {
   table_ = dir_ + "/units.tab";
   WriteFile(table_, ReadFile(SampleTablePath()));
   setenv("TAV_DEVTAB", table_.c_str(), 1);
+  // Settings, archive and time stamps of the test's own.
+  setenv("TAV_LIBQDRC", Path("rc").c_str(), 1);
+  setenv("QD_ARCHIVE_DIR_PATH", Path("archive").c_str(), 1);
+  unsetenv("QD_TIMESTAMP");
   const char *path = getenv("PATH");
   std::string newpath = std::string(QD_TEST_COMMANDS_DIR) + ":" + (path ? path : "/usr/bin:/bin");
   setenv("PATH", newpath.c_str(), 1);

@@ -1,5 +1,6 @@
 // A private world for one test: a temporary directory holding a copy of the
-// sample table, TAV_DEVTAB pointing at it and the device commands of this
+// sample table, TAV_DEVTAB pointing at it, a settings file and an archive
+// directory of its own, no time stamp, and the device commands of this
 // build first on PATH.
 #ifndef TESTS_SANDBOX_H
 #define TESTS_SANDBOX_H

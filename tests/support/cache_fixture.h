@@ -1,7 +1,7 @@
 // A sandbox for cache tests: its own settings file and archive directory,
 // and helpers to read what the cache and the archive hold.
-#ifndef TESTS_CACHE_FIXTURE_H
-#define TESTS_CACHE_FIXTURE_H
+#ifndef TESTS_SUPPORT_CACHE_FIXTURE_H
+#define TESTS_SUPPORT_CACHE_FIXTURE_H
 
 #include <gtest/gtest.h>
 #include <dirent.h>
@@ -16,11 +16,6 @@
 
 class CacheTest : public testing::Test {
  protected:
-  void SetUp() override {
-    setenv("TAV_LIBQDRC", box_.Path("rc").c_str(), 1);
-    setenv("QD_ARCHIVE_DIR_PATH", box_.Path("archive").c_str(), 1);
-    unsetenv("QD_TIMESTAMP");
-  }
   void Settings(const std::string &text) const { testing_support::WriteFile(box_.Path("rc"), text); }
 
   static std::map<std::string, std::string> Pairs(KeywordList *list) {

@@ -1,6 +1,6 @@
 // Sends the trace reporters to a file for one test and reads it back.
-#ifndef TESTS_QD_TRACE_CAPTURE_H
-#define TESTS_QD_TRACE_CAPTURE_H
+#ifndef TESTS_SUPPORT_TRACE_CAPTURE_H
+#define TESTS_SUPPORT_TRACE_CAPTURE_H
 
 #include <cstdlib>
 #include <string>

@@ -1,6 +1,6 @@
 // Small helpers for looking at keyword lists from the tests.
-#ifndef TESTS_PV_LIST_UTIL_H
-#define TESTS_PV_LIST_UTIL_H
+#ifndef TESTS_SUPPORT_LIST_UTIL_H
+#define TESTS_SUPPORT_LIST_UTIL_H
 
 #include <memory>
 #include <string>

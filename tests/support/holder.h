@@ -1,7 +1,7 @@
 // Another process that takes a lock and holds it until told to let go (or
 // until it is killed), for tests that need real contention.
-#ifndef TESTS_LOCK_HOLDER_H
-#define TESTS_LOCK_HOLDER_H
+#ifndef TESTS_SUPPORT_HOLDER_H
+#define TESTS_SUPPORT_HOLDER_H
 
 #include <signal.h>
 #include <sys/wait.h>
