@@ -81,7 +81,8 @@ summary() {
 # One line each, grouped by subsystem. Every change of the code adds the
 # faults that its own tests must catch.
 faults() {
-:
+# Front and services
+fault method-name-misses-func front/QDservices.cc 's.find("func")' 's.find("fnc")'
 }
 
 faults
