@@ -1,16 +1,18 @@
 // Writing the cache back, and freeing it.
 //
-// The direct flush rewrites the table under the table file's write lock,
-// through a journal (devtab::TableRewrite): only the part from the first
-// changed byte on is written beside the table and committed before the table
-// itself is touched, so a crash or a full disk at any moment leaves the old
-// table or (after the commit) the new one; an unchanged table is not written.
+// The direct flush writes the whole new table to a file beside it, under the
+// table file's write lock, and renames it into place (devtab::Replacement):
+// a crash or a full disk at any moment leaves the old table or the new one.
+// The new file is locked before the rename and the file lock moves to it, so
+// the process still holds a lock on the table the path names.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <memory>
+
+#include <unistd.h>
 
 #include "cache_state.h"
 #include "devtab_file.h"
@@ -22,21 +24,33 @@ namespace {
 
 bool flushing = false;  // set while a flush runs
 
-// The entry writer's output, fed to the rewrite of the table.
-ssize_t RewriteWrite(void *cookie, const char *buf, size_t size) {
-  if (int err = static_cast<devtab::TableRewrite *>(cookie)->Append(buf, size)) {
+// The entry writer's output, fed to the new table.
+ssize_t ReplacementWrite(void *cookie, const char *buf, size_t size) {
+  devtab::sys::Point("flush-writing");
+  if (int err = static_cast<devtab::Replacement *>(cookie)->Write({buf, size})) {
     errno = err;
     return -1;
   }
   return static_cast<ssize_t>(size);
 }
 
-FILE *OpenRewriteStream(devtab::TableRewrite *rewrite) {
-  cookie_io_functions_t io = {nullptr, RewriteWrite, nullptr, nullptr};
-  FILE *f = fopencookie(rewrite, "w", io);
-  // Few large appends: each one is compared with the old table, or written.
+FILE *OpenReplacementStream(devtab::Replacement *replacement) {
+  cookie_io_functions_t io = {nullptr, ReplacementWrite, nullptr, nullptr};
+  FILE *f = fopencookie(replacement, "w", io);
   if (f != nullptr) setvbuf(f, nullptr, _IOFBF, 64 << 10);
   return f;
+}
+
+// Makes the written content the table's; false on failure (the old table
+// then stands whole).
+bool CommitReplacement(devtab::Replacement *replacement) {
+  if (int err = replacement->Commit(true)) {
+    QDtrace(3, kModule, "Cannot rewrite device table file, errno %d", err);
+    return false;
+  }
+  int fd = replacement->TakeFd();
+  if (!qdlock::AdoptReplacement(fd)) close(fd);
+  return true;
 }
 
 int Elapsed(long since) { return static_cast<int>(time(nullptr) - since); }
@@ -81,18 +95,18 @@ int QDcache_flush(void) {
   bool direct = qdc_rc.directsave != 0;
   FILE *table_stream = nullptr;
   FILE *stream = nullptr;
-  std::unique_ptr<devtab::TableRewrite> rewrite;
+  std::unique_ptr<devtab::Replacement> replacement;
   if (direct) {
     if (QDlock_fp(QDWRITE) != 0) {
       QDtrace(5, kModule, "Cannot obtain a write lock for the device table file");
       return -1;
     }
-    rewrite = std::make_unique<devtab::TableRewrite>(qdlock::file.file, qdlock::file.fd);
-    int err = rewrite->Begin();
-    if (err == 0 && (stream = OpenRewriteStream(rewrite.get())) == nullptr) err = errno;
+    replacement = std::make_unique<devtab::Replacement>();
+    int err = replacement->Begin(qdlock::file.file);
+    if (err == 0 && (stream = OpenReplacementStream(replacement.get())) == nullptr) err = errno;
     if (err != 0) {
       QDtrace(2, kModule, "Cannot reset device table file for cache flush, errno %d", err);
-      rewrite.reset();
+      replacement.reset();
       QDunlock_fp(QDWRITE);
       return -1;
     }
@@ -126,13 +140,9 @@ int QDcache_flush(void) {
     QDlock_fptr = table_stream;
     bool written = result == 0 && fflush(stream) == 0 && ferror(stream) == 0;
     if (fclose(stream) != 0) written = false;
-    if (!written) {
-      result = -1;  // the table was never touched: the old one stands whole
-    } else if (int err = rewrite->Commit()) {
-      QDtrace(3, kModule, "Cannot rewrite device table file, errno %d", err);
-      result = -1;
-    }
-    rewrite.reset();  // drops an uncommitted journal while the lock is held
+    // Unless it is committed, the table was never touched.
+    if (!written || !CommitReplacement(replacement.get())) result = -1;
+    replacement.reset();  // drops an uncommitted file while the lock is held
     QDunlock_fp(QDWRITE);
   }
   flushing = false;

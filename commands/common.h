@@ -24,8 +24,7 @@ extern const char *program;  // for messages
 // -t TABLE, else TAV_DEVTAB, else the default table.
 std::string TablePath(const char *option);
 
-// Opens the table's current content for reading (with a committed rewrite
-// not yet copied into place); on failure prints why and returns false.
+// Opens the table for reading; on failure prints why and returns false.
 bool OpenTable(const std::string &path, devtab::TableReader *reader);
 
 // Reports a malformed entry on standard error.

@@ -170,11 +170,6 @@ int main(int argc, char **argv) {
     Fail("cannot lock %s: %s", path.c_str(), strerror(err));
     return err == EACCES || err == EPERM ? kNoTable : kWriteFailed;
   }
-  // A rewrite of the library's that died half done is finished first.
-  if ((err = devtab::RecoverRewrite(locked.path(), locked.fd())) != 0) {
-    Fail("cannot finish an interrupted rewrite of %s: %s", path.c_str(), strerror(err));
-    return kWriteFailed;
-  }
   devtab::Image image;
   if ((err = image.LoadFd(locked.fd())) != 0) {
     Fail("cannot read %s: %s", path.c_str(), strerror(err));

@@ -94,6 +94,7 @@ int Acquire(bool write) {
       QDtrace(3, "QDlock", "open failed, errno=%d", errno);
       return -1;
     }
+    devtab::sys::Point("table-opened");
     struct flock fl = request;
     if (fcntl(file.fd, F_SETLK, &fl) == 0) {
       // The table may have been replaced between our open and our lock.
@@ -128,6 +129,22 @@ int Acquire(bool write) {
 }
 
 }  // namespace
+
+namespace qdlock {
+
+bool AdoptReplacement(int fd) {
+  if (file.fd < 0 || !file.writable) return false;
+  FILE *stream = fdopen(fd, "a+");
+  if (stream == nullptr) return false;
+  // Closing the old file drops our locks on it; the new one is locked already.
+  CloseFile();
+  file.fd = fd;
+  file.writable = true;
+  QDlock_fptr = stream;
+  return true;
+}
+
+}  // namespace qdlock
 
 extern "C" {
 
@@ -173,9 +190,6 @@ int QDlock_fp(int mode) {
     QDunlock(mode);
     return -1;
   }
-  // A writer finds and finishes a rewrite that another process left half done.
-  if (write && devtab::RecoverRewrite(file.file, file.fd) != 0)
-    QDtrace(3, kOrigin, "Cannot finish an interrupted rewrite of '%s'", file.file);
   if (write)
     ++file.write_lock_count;
   else

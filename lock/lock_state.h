@@ -59,6 +59,13 @@ class SigintHold {
 // Seconds between attempts while waiting for a conflicting table lock.
 unsigned RetrySeconds();
 
+// This process, holding the table file's write lock, has replaced the table
+// with the file on `fd`, already write-locked: the file lock moves to it
+// (counts unchanged), so that it stays on the file the path names. False
+// when no write file lock is held or the stream cannot be made; the caller
+// then keeps `fd`.
+bool AdoptReplacement(int fd);
+
 }  // namespace qdlock
 
 #endif

@@ -29,7 +29,7 @@ const char kModule[] = "ReferenceNextAttribute";
 
 struct Cursor {
   int fd = -1;  // the table
-  devtab::TableReader reader;
+  devtab::TableReader reader;  // borrows fd
   std::unique_ptr<devtab::EntryStream> stream;  // reads through reader
   devtab::Entry entry;
   std::string path;
@@ -84,8 +84,10 @@ int ResetDeviceTabFile(void) {
   std::string path = raw;
   free(raw);
   EndWalk();
-  cursor.stream.reset();
   if (!StillCurrent(path)) {
+    // The old file is no longer the table, so no lock that matters goes
+    // with its descriptor.
+    cursor.reader.Borrow(-1);
     if (cursor.fd >= 0) close(cursor.fd);
     cursor.path = path;
     do cursor.fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -95,12 +97,11 @@ int ResetDeviceTabFile(void) {
       return -1;
     }
   }
-  // A committed rewrite not yet copied into place holds the table's end.
-  if (int err = cursor.reader.Open(path, cursor.fd)) {
-    pv::Trace(8, "ResetDeviceTabFile", "cannot read %s: %s", path.c_str(), strerror(err));
-    return -1;
-  }
-  cursor.stream = std::make_unique<devtab::EntryStream>(&cursor.reader);
+  cursor.reader.Borrow(cursor.fd);
+  if (cursor.stream == nullptr)
+    cursor.stream = std::make_unique<devtab::EntryStream>(&cursor.reader);
+  else
+    cursor.stream->Restart();
   cursor.open = true;
   return 0;
 }

@@ -8,9 +8,9 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <algorithm>
 
 namespace devtab {
 
@@ -80,6 +80,13 @@ constexpr size_t kChunk = 64 << 10;
 
 EntryStream::EntryStream(TableReader *source) : source_(source), buf_(kChunk, '\0') {}
 
+void EntryStream::Restart() {
+  begin_ = end_ = base_ = 0;
+  line_ = 1;
+  eof_ = false;
+  error_ = 0;
+}
+
 bool EntryStream::Fill() {
   if (eof_) return false;
   if (begin_ > 0) {
@@ -133,8 +140,8 @@ namespace {
 
 #ifdef QD_FAULT_INJECTION
 // QD_FAULT holds items separated by commas: "kill@POINT" kills the process
-// at that point; "enospc@N" makes the N-th write fail with ENOSPC; "eio@fsync"
-// makes every fsync fail.
+// at that point and "stop@POINT" stops it there once; "enospc@N" makes the N-th
+// write fail with ENOSPC; "eio@fsync" makes every fsync fail.
 bool FaultNamed(const char *item) {
   const char *faults = getenv("QD_FAULT");
   if (faults == nullptr) return false;
@@ -182,6 +189,14 @@ void Point(const char *name) {
   char item[64];
   snprintf(item, sizeof item, "kill@%s", name);
   if (FaultNamed(item)) kill(getpid(), SIGKILL);
+  // A stop happens once: whoever continues the process lets it run on.
+  static std::string stopped;
+  snprintf(item, sizeof item, "stop@%s", name);
+  if (FaultNamed(item) && stopped.find(item) == std::string::npos) {
+    stopped += item;
+    stopped += ',';
+    kill(getpid(), SIGSTOP);
+  }
 #else
   (void)name;
 #endif
@@ -189,7 +204,42 @@ void Point(const char *name) {
 
 }  // namespace sys
 
-// ---------------------------------------------------------------- LockedTable
+
+// ---------------------------------------------------------------- TableReader
+
+TableReader::~TableReader() { Close(); }
+
+void TableReader::Close() {
+  if (own_fd_ && fd_ >= 0) close(fd_);
+  own_fd_ = false;
+  fd_ = -1;
+}
+
+void TableReader::Borrow(int fd) {
+  Close();
+  fd_ = fd;
+  pos_ = 0;
+}
+
+int TableReader::OpenFile(const std::string &path) {
+  Close();
+  int fd;
+  do fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  while (fd < 0 && errno == EINTR);
+  if (fd < 0) return errno;
+  fd_ = fd;
+  own_fd_ = true;
+  pos_ = 0;
+  return 0;
+}
+
+ssize_t TableReader::Read(char *buf, size_t len) {
+  ssize_t n = pread(fd_, buf, len, pos_);
+  if (n > 0) pos_ += n;
+  return n;
+}
+
+// ---------------------------------------------------------------- Replacement
 
 namespace {
 
@@ -205,21 +255,22 @@ std::string BaseName(const std::string &path) {
   return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-// Temporary files are named after the table and the writer's pid, so one
-// left by a writer that died can be recognised and removed.
+// Temporary files are named after the table and their writer's pid, so one
+// left by a writer that died can be told from one being written.
 std::string TempPrefix(const std::string &path) { return "." + BaseName(path) + ".new."; }
 
+// The caller holds the table's write lock, so no live writer of ours is
+// writing any of these; the pid test spares one of a writer that took no lock.
 void RemoveStaleTemps(const std::string &path) {
-  std::string dir = DirName(path);
   std::string prefix = TempPrefix(path);
-  DIR *d = opendir(dir.c_str());
+  DIR *d = opendir(DirName(path).c_str());
   if (d == nullptr) return;
   while (struct dirent *e = readdir(d)) {
     if (strncmp(e->d_name, prefix.c_str(), prefix.size()) != 0) continue;
     char *end = nullptr;
     long pid = strtol(e->d_name + prefix.size(), &end, 10);
     if (end == e->d_name + prefix.size() || *end != '\0' || pid <= 0) continue;
-    if (kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH) continue;
+    if (pid != getpid() && (kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH)) continue;
     unlinkat(dirfd(d), e->d_name, 0);
   }
   closedir(d);
@@ -237,15 +288,103 @@ int WriteAll(int fd, std::string_view data) {
   return 0;
 }
 
+void SyncDir(const std::string &path) {
+  int dfd = open(DirName(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dfd >= 0) {
+    sys::Fsync(dfd);
+    close(dfd);
+  }
+}
+
 }  // namespace
+
+std::string ResolvedPath(const std::string &path) {
+  char resolved[PATH_MAX];
+  if (realpath(path.c_str(), resolved) != nullptr) return resolved;
+  // Not there yet (or a dangling link): the link's target is still what a
+  // new table would be made as.
+  char target[PATH_MAX];
+  ssize_t n = readlink(path.c_str(), target, sizeof target - 1);
+  if (n <= 0) return path;
+  target[n] = '\0';
+  if (target[0] == '/') return target;
+  return DirName(path) + "/" + target;
+}
+
+Replacement::~Replacement() {
+  if (fd_ >= 0) close(fd_);
+  if (!committed_ && !temp_.empty()) unlink(temp_.c_str());
+}
+
+int Replacement::Begin(const std::string &path) {
+  target_ = ResolvedPath(path);
+  RemoveStaleTemps(target_);
+  temp_ = DirName(target_) + "/" + TempPrefix(target_) + std::to_string(getpid());
+  do fd_ = open(temp_.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+  while (fd_ < 0 && errno == EINTR);
+  if (fd_ < 0) {
+    int err = errno;
+    temp_.clear();
+    return err;
+  }
+  return 0;
+}
+
+int Replacement::Write(std::string_view data) {
+  if (fd_ < 0) return EBADF;
+  return WriteAll(fd_, data);
+}
+
+int Replacement::Commit(bool keep_locked) {
+  if (fd_ < 0 || committed_) return EBADF;
+  sys::Point("temp-written");
+  int err = 0;
+  // Keep the table's mode and owner; failing to keep the owner is no reason
+  // to stop (an unprivileged writer can only make files of its own).
+  struct stat old;
+  if (stat(target_.c_str(), &old) == 0) {
+    if (fchmod(fd_, old.st_mode & 07777) != 0) err = errno;
+    if (err == 0 && fchown(fd_, old.st_uid, old.st_gid) != 0 && errno != EPERM) err = errno;
+  } else if (fchmod(fd_, 0644) != 0) {
+    err = errno;
+  }
+  if (err == 0 && sys::Fsync(fd_) != 0) err = errno;
+  if (err == 0 && keep_locked) {
+    // Nobody else knows this file yet: the lock is granted at once.
+    struct flock fl {};
+    fl.l_type = F_WRLCK;
+    fl.l_whence = SEEK_SET;
+    if (fcntl(fd_, F_SETLK, &fl) != 0) err = errno;
+  }
+  if (err == 0) {
+    sys::Point("before-rename");
+    if (sys::Rename(temp_.c_str(), target_.c_str()) != 0) err = errno;
+  }
+  if (err != 0) return err;
+  committed_ = true;
+  sys::Point("after-rename");
+  SyncDir(target_);
+  if (!keep_locked) {
+    close(fd_);
+    fd_ = -1;
+  }
+  return 0;
+}
+
+int Replacement::TakeFd() {
+  int fd = committed_ ? fd_ : -1;
+  if (fd >= 0) fd_ = -1;
+  return fd;
+}
+
+// ---------------------------------------------------------------- LockedTable
 
 LockedTable::~LockedTable() {
   if (fd_ >= 0) close(fd_);
 }
 
 int LockedTable::Open(const std::string &path, bool create) {
-  char resolved[PATH_MAX];
-  path_ = realpath(path.c_str(), resolved) != nullptr ? std::string(resolved) : path;
+  path_ = ResolvedPath(path);
   for (;;) {
     int flags = O_RDWR | O_CLOEXEC | (create ? O_CREAT : 0);
     int fd;
@@ -268,7 +407,6 @@ int LockedTable::Open(const std::string &path, bool create) {
         by_fd.st_ino == by_path.st_ino && by_fd.st_dev == by_path.st_dev) {
       fd_ = fd;
       st_ = by_fd;
-      RemoveStaleTemps(path_);
       return 0;
     }
     // Replaced (or removed) while we waited: lock whatever the path names now.
@@ -277,332 +415,11 @@ int LockedTable::Open(const std::string &path, bool create) {
 }
 
 int LockedTable::Replace(std::string_view content) {
-  std::string dir = DirName(path_);
-  std::string temp = dir + "/" + TempPrefix(path_) + std::to_string(getpid());
-  int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (fd < 0) return errno;
-  int err = WriteAll(fd, content);
-  sys::Point("temp-written");
-  // Keep the table's owner and mode; failing to keep the owner is no reason
-  // to stop (an unprivileged writer can only make files of its own).
-  if (err == 0 && fchmod(fd, st_.st_mode & 07777) != 0) err = errno;
-  if (err == 0 && fchown(fd, st_.st_uid, st_.st_gid) != 0 && errno != EPERM) err = errno;
-  if (err == 0 && sys::Fsync(fd) != 0) err = errno;
-  if (close(fd) != 0 && err == 0) err = errno;
-  if (err == 0) {
-    sys::Point("before-rename");
-    if (sys::Rename(temp.c_str(), path_.c_str()) != 0) err = errno;
-  }
-  if (err != 0) {
-    unlink(temp.c_str());
-    return err;
-  }
-  sys::Point("after-rename");
-  int dfd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (dfd >= 0) {
-    sys::Fsync(dfd);
-    close(dfd);
-  }
-  return 0;
-}
-
-// ---------------------------------------------------------------- rewrite
-
-std::string JournalPath(const std::string &table) {
-  return DirName(table) + "/." + BaseName(table) + ".flush";
-}
-
-std::string CommitPath(const std::string &table) {
-  return DirName(table) + "/." + BaseName(table) + ".commit";
-}
-
-namespace {
-
-// A journal is this header, then the new content from `prefix` on. The
-// header is written last, just before the sync: a journal is whole when its
-// header is there and accounts for its size.
-struct JournalHeader {
-  char magic[8];
-  uint64_t prefix;  // table bytes kept; the journal's part goes there
-  uint64_t length;  // of the new table
-  uint64_t inode;   // of the table file it was made for
-};
-constexpr char kMagic[8] = {'Q', 'D', 'J', 'R', 'N', 'L', '1', '\n'};
-constexpr size_t kWindow = 64 << 10;  // small: a bigger buffer costs page faults
-
-int ReadHeader(int fd, JournalHeader *h) {
-  struct stat st;
-  if (fstat(fd, &st) != 0) return errno;
-  ssize_t n;
-  do n = pread(fd, h, sizeof *h, 0);
-  while (n < 0 && errno == EINTR);
-  if (n < 0) return errno;
-  bool whole = n == static_cast<ssize_t>(sizeof *h) && memcmp(h->magic, kMagic, sizeof kMagic) == 0 &&
-               h->prefix <= h->length &&
-               static_cast<uint64_t>(st.st_size) == sizeof *h + (h->length - h->prefix);
-  return whole ? 0 : EIO;
-}
-
-void SyncDir(const std::string &path) {
-  int dfd = open(DirName(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (dfd >= 0) {
-    sys::Fsync(dfd);
-    close(dfd);
-  }
-}
-
-// Linux ignores the offset of a write to a descriptor in append mode (the
-// library's table stream is opened "a+"), and copy_file_range refuses one.
-class AppendModeOff {
- public:
-  explicit AppendModeOff(int fd) : fd_(fd), flags_(fcntl(fd, F_GETFL)) {
-    if (flags_ >= 0 && (flags_ & O_APPEND) != 0) fcntl(fd_, F_SETFL, flags_ & ~O_APPEND);
-  }
-  ~AppendModeOff() {
-    if (flags_ >= 0 && (flags_ & O_APPEND) != 0) fcntl(fd_, F_SETFL, flags_);
-  }
-
- private:
-  int fd_, flags_;
-};
-
-// Copies `size` bytes between the files; the kernel copies where the file
-// system can, memory does it elsewhere.
-int CopyRange(int in, loff_t from, int out, loff_t to, uint64_t size) {
-  while (size > 0) {
-    ssize_t n = copy_file_range(in, &from, out, &to, size, 0);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    size -= static_cast<uint64_t>(n);
-  }
-  std::unique_ptr<char[]> buf;
-  while (size > 0) {
-    if (!buf) buf.reset(new char[kWindow]);
-    ssize_t n = pread(in, buf.get(), std::min<uint64_t>(size, kWindow), from);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return n < 0 ? errno : EIO;
-    for (ssize_t done = 0; done < n;) {
-      ssize_t w = pwrite(out, buf.get() + done, static_cast<size_t>(n - done), to + done);
-      if (w < 0 && errno == EINTR) continue;
-      if (w < 0) return errno;
-      done += w;
-    }
-    from += n;
-    to += n;
-    size -= static_cast<uint64_t>(n);
-  }
-  return 0;
-}
-
-// Puts the committed part (journal `jfd`) over the table at its offset,
-// cuts the table to its new length, syncs it and drops the commit. Doing it
-// again after a crash half-way gives the same table.
-int CopyCommitted(const std::string &table, int fd, int jfd, const JournalHeader &h) {
-  {
-    AppendModeOff append_off(fd);
-    uint64_t size = h.length - h.prefix, half = size / 2;
-    loff_t from = sizeof h, to = static_cast<loff_t>(h.prefix);
-    if (int err = CopyRange(jfd, from, fd, to, half)) return err;
-    sys::Point("flush-copy-half");
-    loff_t rest = static_cast<loff_t>(half);
-    if (int err = CopyRange(jfd, from + rest, fd, to + rest, size - half)) return err;
-  }
-  sys::Point("flush-suffix-copied");
-  if (ftruncate(fd, static_cast<off_t>(h.length)) != 0) return errno;
-  if (sys::Fsync(fd) != 0) return errno;
-  sys::Point("flush-copied");
-  unlink(CommitPath(table).c_str());
-  SyncDir(table);
-  return 0;
-}
-
-}  // namespace
-
-TableRewrite::TableRewrite(std::string table, int fd) : table_(std::move(table)), fd_(fd) {}
-
-TableRewrite::~TableRewrite() {
-  if (journal_ >= 0) Drop(0);
-}
-
-int TableRewrite::Drop(int err) {
-  if (journal_ >= 0) close(journal_);
-  journal_ = -1;
-  if (!committed_) unlink(JournalPath(table_).c_str());
+  Replacement r;
+  int err = r.Begin(path_);
+  if (err == 0) err = r.Write(content);
+  if (err == 0) err = r.Commit(false);
   return err;
-}
-
-int TableRewrite::Begin() {
-  // A commit left by a crash is finished first: the table's head must be
-  // what readers see before it is compared with anything.
-  if (int err = RecoverRewrite(table_, fd_)) return err;
-  struct stat st;
-  if (fstat(fd_, &st) != 0) return errno;
-  old_size_ = static_cast<uint64_t>(st.st_size);
-  inode_ = st.st_ino;
-  window_.reset(new char[kWindow]);
-  return 0;
-}
-
-bool TableRewrite::Refill() {
-  if (offset_ >= old_size_) return false;
-  if (offset_ > 0) sys::Point("flush-comparing");  // part compared, nothing written
-  size_t want = std::min<uint64_t>(kWindow, old_size_ - offset_);
-  ssize_t n;
-  do n = pread(fd_, window_.get(), want, static_cast<off_t>(offset_));
-  while (n < 0 && errno == EINTR);
-  // What cannot be read is rewritten: the journal starts there.
-  if (n <= 0) return false;
-  window_base_ = offset_;
-  window_len_ = static_cast<size_t>(n);
-  return true;
-}
-
-int TableRewrite::Diverge() {
-  prefix_ = offset_;
-  journal_ = open(JournalPath(table_).c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (journal_ < 0) return errno;
-  JournalHeader blank{};  // the real one goes in at the commit
-  int err = WriteAll(journal_, std::string_view(reinterpret_cast<char *>(&blank), sizeof blank));
-  sys::Point("flush-diverged");
-  return err;
-}
-
-int TableRewrite::Append(const char *data, size_t size) {
-  if (error_ != 0) return error_;
-  error_ = Take(data, size);
-  return error_;
-}
-
-int TableRewrite::Take(const char *data, size_t size) {
-  while (size > 0 && journal_ < 0) {
-    if (offset_ == window_base_ + window_len_ && !Refill()) {
-      if (int err = Diverge()) return err;
-      break;
-    }
-    size_t n = std::min<uint64_t>(size, window_base_ + window_len_ - offset_);
-    const char *old = window_.get() + (offset_ - window_base_);
-    size_t same = n;
-    if (memcmp(data, old, n) != 0) same = static_cast<size_t>(std::mismatch(data, data + n, old).first - data);
-    offset_ += same;
-    data += same;
-    size -= same;
-    if (same < n) {
-      if (int err = Diverge()) return err;
-    }
-  }
-  if (size == 0) return 0;
-  offset_ += size;
-  return WriteAll(journal_, std::string_view(data, size));
-}
-
-int TableRewrite::Commit() {
-  if (error_ != 0) return Drop(error_);
-  if (journal_ < 0) {
-    if (offset_ == old_size_) return 0;  // the table holds the new content already
-    if (int err = Diverge()) return Drop(err);  // the new content ends early
-  }
-  JournalHeader h{};
-  memcpy(h.magic, kMagic, sizeof kMagic);
-  h.prefix = prefix_;
-  h.length = offset_;
-  h.inode = inode_;
-  int err = 0;
-  if (pwrite(journal_, &h, sizeof h, 0) != static_cast<ssize_t>(sizeof h)) err = errno != 0 ? errno : EIO;
-  if (err == 0 && sys::Fsync(journal_) != 0) err = errno;
-  sys::Point("flush-journal-written");
-  if (err == 0 && sys::Rename(JournalPath(table_).c_str(), CommitPath(table_).c_str()) != 0) err = errno;
-  if (err != 0) return Drop(err);
-  committed_ = true;
-  SyncDir(table_);
-  sys::Point("flush-committed");
-  return Drop(CopyCommitted(table_, fd_, journal_, h));
-}
-
-int RecoverRewrite(const std::string &table, int fd) {
-  unlink(JournalPath(table).c_str());  // never committed: the table stands
-  std::string commit = CommitPath(table);
-  int jfd = open(commit.c_str(), O_RDONLY | O_CLOEXEC);
-  if (jfd < 0) return errno == ENOENT ? 0 : errno;
-  JournalHeader h;
-  struct stat st;
-  int err = ReadHeader(jfd, &h);
-  if (err == 0 && fstat(fd, &st) != 0) err = errno;
-  if (err == 0 && h.inode == st.st_ino) {
-    err = CopyCommitted(table, fd, jfd, h);
-  } else if (err == 0) {
-    // Made for a table file that has since been replaced: it is void.
-    unlink(commit.c_str());
-    SyncDir(table);
-  }
-  close(jfd);
-  return err;
-}
-
-// ---------------------------------------------------------------- TableReader
-
-TableReader::~TableReader() { Close(); }
-
-void TableReader::Close() {
-  if (suffix_fd_ >= 0) close(suffix_fd_);
-  suffix_fd_ = -1;
-  if (own_fd_ && fd_ >= 0) close(fd_);
-  own_fd_ = false;
-}
-
-int TableReader::OpenFile(const std::string &table) {
-  Close();
-  int fd;
-  do fd = open(table.c_str(), O_RDONLY | O_CLOEXEC);
-  while (fd < 0 && errno == EINTR);
-  if (fd < 0) return errno;
-  int err = Open(table, fd);
-  own_fd_ = true;
-  return err;
-}
-
-int TableReader::Open(const std::string &table, int fd) {
-  if (fd != fd_) Close();
-  if (suffix_fd_ >= 0) close(suffix_fd_);
-  suffix_fd_ = -1;
-  fd_ = fd;
-  pos_ = 0;
-  // The usual case costs one failed open.
-  int jfd = open(CommitPath(table).c_str(), O_RDONLY | O_CLOEXEC);
-  if (jfd < 0) return errno == ENOENT ? 0 : errno;
-  JournalHeader h;
-  struct stat st;
-  int err = ReadHeader(jfd, &h);
-  if (err == 0 && fstat(fd, &st) != 0) err = errno;
-  if (err != 0 || h.inode != st.st_ino) {
-    close(jfd);  // a commit made for a file the path no longer names is void
-    return err;
-  }
-  suffix_fd_ = jfd;
-  prefix_ = h.prefix;
-  length_ = h.length;
-  return 0;
-}
-
-ssize_t TableReader::Read(char *buf, size_t len) {
-  int from = fd_;
-  uint64_t at = pos_;
-  if (suffix_fd_ >= 0) {
-    if (pos_ >= length_) return 0;
-    len = std::min<uint64_t>(len, length_ - pos_);
-    if (pos_ < prefix_) {
-      len = std::min<uint64_t>(len, prefix_ - pos_);
-    } else {
-      from = suffix_fd_;
-      at = sizeof(JournalHeader) + pos_ - prefix_;
-    }
-  }
-  ssize_t n = pread(from, buf, len, static_cast<off_t>(at));
-  if (n == 0 && suffix_fd_ >= 0) {
-    errno = EIO;  // the table or the journal is shorter than the header says
-    return -1;
-  }
-  if (n > 0) pos_ += static_cast<uint64_t>(n);
-  return n;
 }
 
 }  // namespace devtab

@@ -1,10 +1,15 @@
-// Reading the device table file whole, and replacing it safely.
+// Reading the device table file, and replacing it safely.
+//
+// The table is only ever rewritten one way (Replacement): the whole new
+// content goes to a temporary file beside it, which is synced and renamed
+// over the old file. A reader, or a crash at any moment, meets the old table
+// or the new one, never a torn one.
 //
 // fcntl traps kept in mind here: closing any descriptor of a file drops every
 // lock this process holds on it, and a lock never excludes its own process.
-// The table is replaced by rename, so a lock taken on a descriptor opened
-// before the rename belongs to a file that the path no longer names: after
-// locking, the inode of the path is compared with the descriptor's.
+// A lock belongs to an inode, not to a path: whoever locks a descriptor opened
+// before the table was replaced holds a lock on a file the path no longer
+// names, so every locker compares the two after locking.
 #ifndef PV_DEVTAB_FILE_H
 #define PV_DEVTAB_FILE_H
 
@@ -12,8 +17,6 @@
 #include <sys/types.h>
 
 #include <cstddef>
-#include <cstdint>
-#include <memory>
 #include <string>
 #include <string_view>
 
@@ -42,21 +45,19 @@ class Image {
   size_t capacity_ = 0;
 };
 
-// The table's current content, read in order: the table file itself or,
-// while a committed rewrite waits to be copied into place, the table's first
-// bytes (which the copy never touches) followed by the rewrite's end.
+// A table file read from its start, through a descriptor that is either
+// borrowed (the caller's, kept open for its locks) or its own.
 class TableReader {
  public:
-  explicit TableReader(int fd = -1) : fd_(fd) {}  // that file alone, from its start
+  explicit TableReader(int fd = -1) : fd_(fd) {}
   ~TableReader();
   TableReader(const TableReader &) = delete;
   TableReader &operator=(const TableReader &) = delete;
 
-  // Starts over on the content of `table`, through `fd`, a descriptor of the
-  // table that stays the caller's. 0, or the errno of the failure.
-  int Open(const std::string &table, int fd);
-  // The same through a descriptor of its own, closed with the reader.
-  int OpenFile(const std::string &table);
+  // Reads `fd` from its start; the descriptor stays the caller's.
+  void Borrow(int fd);
+  // Opens `path` for reading. 0, or the errno of the failure.
+  int OpenFile(const std::string &path);
   // As read(2), from where the last read ended.
   ssize_t Read(char *buf, size_t len);
 
@@ -64,10 +65,7 @@ class TableReader {
   void Close();
   int fd_;
   bool own_fd_ = false;
-  int suffix_fd_ = -1;   // the committed rewrite, or -1
-  uint64_t prefix_ = 0;  // table bytes before the rewrite's
-  uint64_t length_ = 0;  // of the whole content, when composed
-  uint64_t pos_ = 0;
+  off_t pos_ = 0;
 };
 
 // The entries of a table, read through one reused buffer: a table of any
@@ -75,6 +73,8 @@ class TableReader {
 class EntryStream {
  public:
   explicit EntryStream(TableReader *source);  // which outlives the stream
+  // Starts over at the source's current position, keeping the buffer.
+  void Restart();
   // The next entry (blank and comment lines skipped); its text stays valid
   // until the next call. False at the end, or on a read error (see error()).
   bool Next(RawEntry *out);
@@ -97,9 +97,46 @@ namespace sys {
 ssize_t Write(int fd, const void *buf, size_t len);
 int Fsync(int fd);
 int Rename(const char *from, const char *to);
-// In test builds, QD_FAULT=kill@NAME ends the process with SIGKILL here.
+// In test builds, QD_FAULT=kill@NAME ends the process with SIGKILL at the
+// point NAME, and stop@NAME stops it (SIGSTOP) there the first time.
 void Point(const char *name);
 }  // namespace sys
+
+// The file that `path` names, symbolic links resolved: a table path that is
+// a link stays one, and the file it points to is what gets replaced.
+std::string ResolvedPath(const std::string &path);
+
+// The one rewrite of the table. The caller holds the table's write lock
+// from before Begin until after Commit.
+class Replacement {
+ public:
+  Replacement() = default;
+  ~Replacement();  // removes the temporary file unless it was committed
+  Replacement(const Replacement &) = delete;
+  Replacement &operator=(const Replacement &) = delete;
+
+  // Starts the new content of the table at `path`: removes the temporary
+  // files that writers killed before their commit left behind, and makes a
+  // new one in the directory of the file the path resolves to. 0 or errno.
+  int Begin(const std::string &path);
+  // Appends to the new content. 0, or the errno of the failed write.
+  int Write(std::string_view data);
+  // Gives the new file the old one's mode (and owner and group where
+  // permitted), syncs it, renames it over the old file and syncs the
+  // directory. With `keep_locked` the new file is write-locked before it
+  // takes the old one's place and stays open (TakeFd), so that a lock the
+  // caller held on the table carries over to the new one. 0 or errno; on
+  // failure the table is unchanged.
+  int Commit(bool keep_locked);
+  // The new table's descriptor after Commit(true), now the caller's.
+  int TakeFd();
+
+ private:
+  std::string target_;  // the file replaced
+  std::string temp_;
+  int fd_ = -1;
+  bool committed_ = false;
+};
 
 // The table file opened read-write under an fcntl write lock that is known to
 // be on the file the path names.
@@ -116,67 +153,15 @@ class LockedTable {
   const struct stat &status() const { return st_; }
   const std::string &path() const { return path_; }
 
-  // Writes `content` beside the table, syncs it and renames it over the
-  // table, so the path names either the old or the new file, never a torn one.
-  // 0, or the errno of the failure (the table is then unchanged).
+  // Replaces the table with `content` (see Replacement). 0, or the errno of
+  // the failure (the table is then unchanged).
   int Replace(std::string_view content);
 
  private:
   int fd_ = -1;
   struct stat st_ {};
-  std::string path_;  // symbolic links resolved: the file itself is replaced
+  std::string path_;
 };
-
-// A rewrite that keeps the table's identity (the file-pointer locks are on
-// the table file itself) and writes only what changed. The new content is
-// compared with the table's as it comes; from the first difference on it goes
-// to a journal beside the table, which is committed by a rename and only then
-// copied over the table's end in place. A crash before the commit leaves the
-// old table and an uncommitted journal that the next writer drops; a crash
-// after it leaves the committed journal, which readers read after the
-// table's unchanged head (see TableReader) and the next writer copies.
-std::string JournalPath(const std::string &table);   // <dir>/.<base>.flush
-std::string CommitPath(const std::string &table);    // <dir>/.<base>.commit
-
-class TableRewrite {
- public:
-  // `fd`: the table, which the caller holds under a write lock throughout.
-  TableRewrite(std::string table, int fd);
-  ~TableRewrite();  // drops a journal that was not committed
-  TableRewrite(const TableRewrite &) = delete;
-  TableRewrite &operator=(const TableRewrite &) = delete;
-
-  // Finishes an interrupted rewrite first. 0, or the errno of the failure.
-  int Begin();
-  // The next bytes of the new content. 0, or the errno of a failed write.
-  int Append(const char *data, size_t size);
-  // Makes the new content the table's; writes nothing when they are equal.
-  // 0, or the errno of the failure (before the commit: the table is untouched
-  // and the journal gone; after it: the commit stands for the next writer).
-  int Commit();
-
- private:
-  int Take(const char *data, size_t size);
-  bool Refill();   // the next window of the old content; false at its end
-  int Diverge();   // starts the journal at the first difference
-  int Drop(int err);
-  std::string table_;
-  int fd_;
-  int journal_ = -1;       // open from the first difference on
-  bool committed_ = false;
-  int error_ = 0;          // of a failed append: the rewrite is void
-  uint64_t old_size_ = 0;
-  uint64_t inode_ = 0;
-  uint64_t offset_ = 0;    // new bytes so far
-  uint64_t prefix_ = 0;    // where the journal's part begins
-  std::unique_ptr<char[]> window_;  // old content at [window_base_, +window_len_)
-  uint64_t window_base_ = 0;
-  size_t window_len_ = 0;
-};
-
-// Finishes a committed rewrite, or drops an uncommitted journal. `fd` is the
-// table, held under a write lock. 0, or the errno of a failed copy.
-int RecoverRewrite(const std::string &table, int fd);
 
 }  // namespace devtab
 

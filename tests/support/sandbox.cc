@@ -1,5 +1,6 @@
 #include "sandbox.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -72,6 +73,15 @@ std::string FakeCommand(const Sandbox &box, const std::string &name, const std::
 void Sandbox::WriteTable(const std::string &content) const { WriteFile(table_, content); }
 
 std::string Sandbox::ReadTable() const { return ReadFile(table_); }
+
+int Sandbox::Count(const std::string &prefix) const {
+  int n = 0;
+  if (DIR *d = opendir(dir_.c_str())) {
+    while (dirent *e = readdir(d)) n += strncmp(e->d_name, prefix.c_str(), prefix.size()) == 0;
+    closedir(d);
+  }
+  return n;
+}
 
 namespace {
 

@@ -23,6 +23,8 @@ class Sandbox {
 
   void WriteTable(const std::string &content) const;  // replaces the table
   std::string ReadTable() const;
+  // How many files in the sandbox's directory have names starting with prefix.
+  int Count(const std::string &prefix) const;
 
  private:
   std::string dir_;
