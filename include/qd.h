@@ -285,6 +285,21 @@ QD_EXPORT KeywordList *QDLgetmethods(const char *alias);
 
 QD_EXPORT ObjectRecord *QDLgetobj(const char *alias);
 
+/* The shared bodies of the local queries: one name (a record, or NULL), and
+ * every attribute (methods 0) or every method (methods 1) of an entry. */
+QD_EXPORT NameValue *UnitProp(const char *alias, const char *name);
+QD_EXPORT KeywordList *DevAllAttr(const char *alias, int methods);
+/* Line handlers of "unitprop" output (see ExecuteCommand). OutputSingleName
+ * copies the line into `value`, a NameValue's value field, cut at
+ * QD_VALUE_MAX characters; OutputAttrVal and OutputMethodVal add the line's
+ * pair to `list` when its name is an attribute name, or a method name. */
+QD_EXPORT int OutputSingleName(void *value, char *line);
+QD_EXPORT int OutputAttrVal(void *list, char *line);
+QD_EXPORT int OutputMethodVal(void *list, char *line);
+/* Adds the pair of one "name=value" or "name='value'" line, whose first '='
+ * is at name_length: 0, or -1 when the line is refused (and reported). */
+QD_EXPORT int BuildNameValuePair(KeywordList *list, char *line, int name_length);
+
 /* ---- Aliases ---- */
 
 /* Every alias in table order (criteria NULL), or those whose entries meet
@@ -356,6 +371,8 @@ QD_EXPORT int QDLput(const char *alias, KeywordList *list);
  * shell; NULL when out of memory or a value cannot be passed literally. */
 QD_EXPORT char *BuildPutCommand(const char *alias, KeywordList *list, const char *option);
 QD_EXPORT void OverlayPutCommand(char *command, const char *option);
+/* The line handler of unitmod's output: every line is ignored. */
+QD_EXPORT int OutputPut(void *context, char *line);
 /* Removes the entry after writing its archive copy: 0, 2 (no write lock),
  * 3 (no such entry), -1, or a hook's or framework's result. */
 QD_EXPORT int QDdelete(const char *alias);

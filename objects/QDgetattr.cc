@@ -4,25 +4,39 @@
 
 #include "command.h"
 #include "front.h"
-#include "queries.h"
+#include "qd.h"
 
 namespace {
+
 const char kModule[] = "QDgetattr";
 constexpr size_t kCommandSize = 4096;
-}  // namespace
 
-int OutputSingleName(void *context, char *line) {
+// What UnitProp's command hands its handler: the record's value field, and
+// whether a line was too long for it (such a value is refused, not cut).
+struct SingleValue {
+  char *value;
+  bool overflow;
+};
+
+int KeepLastLine(void *context, char *line) {
   auto *out = static_cast<SingleValue *>(context);
-  size_t len = strlen(line);
-  if (len > QD_VALUE_MAX) {
+  if (strlen(line) > QD_VALUE_MAX) {
     out->overflow = true;
     return 0;
   }
-  memcpy(out->value, line, len + 1);
+  return OutputSingleName(out->value, line);
+}
+
+}  // namespace
+
+extern "C" int OutputSingleName(void *value, char *line) {
+  size_t len = strnlen(line, QD_VALUE_MAX);
+  memcpy(value, line, len);
+  static_cast<char *>(value)[len] = '\0';
   return 0;
 }
 
-NameValue *UnitProp(const char *alias, const char *name) {
+extern "C" NameValue *UnitProp(const char *alias, const char *name) {
   auto *record = static_cast<NameValue *>(QDmalloc(kModule, sizeof(NameValue)));
   if (record == nullptr) {
     QDerror(kModule, "QDmalloc returned NULL");
@@ -56,7 +70,7 @@ NameValue *UnitProp(const char *alias, const char *name) {
     return nullptr;
   }
   SingleValue out{record->value, false};
-  int rc = ExecuteCommand(command, OutputSingleName, &out);
+  int rc = ExecuteCommand(command, KeepLastLine, &out);
   QDunlock(QDREAD);
   if (rc == 0 && out.overflow) {
     QDerror(kModule, "Value of '%s' longer than %d characters\n", name, QD_VALUE_MAX);

@@ -4,7 +4,7 @@
 
 #include "command.h"
 #include "front.h"
-#include "queries.h"
+#include "qd.h"
 
 namespace {
 const char kModule[] = "QDgetattrs";
@@ -13,7 +13,7 @@ constexpr int kMaxListName = 33;
 constexpr size_t kMaxListValue = 513;
 }  // namespace
 
-int BuildNameValuePair(KeywordList *list, char *line, int name_length) {
+extern "C" int BuildNameValuePair(KeywordList *list, char *line, int name_length) {
   if (name_length > kMaxListName) {
     line[name_length] = '\0';
     QDerror(kModule, "Invalid keyword:too many characters:[%s]\n", line);
@@ -55,7 +55,7 @@ int BuildNameValuePair(KeywordList *list, char *line, int name_length) {
   return 0;
 }
 
-int OutputAttrVal(void *list, char *line) {
+extern "C" int OutputAttrVal(void *list, char *line) {
   char *eq = strchr(line, '=');
   if (eq == nullptr) return 0;
   int n = static_cast<int>(eq - line);
@@ -63,7 +63,7 @@ int OutputAttrVal(void *list, char *line) {
   return BuildNameValuePair(static_cast<KeywordList *>(list), line, n);
 }
 
-int OutputMethodVal(void *list, char *line) {
+extern "C" int OutputMethodVal(void *list, char *line) {
   char *eq = strchr(line, '=');
   if (eq == nullptr) return 0;
   int n = static_cast<int>(eq - line);
@@ -71,7 +71,7 @@ int OutputMethodVal(void *list, char *line) {
   return BuildNameValuePair(static_cast<KeywordList *>(list), line, n);
 }
 
-KeywordList *DevAllAttr(const char *alias, int methods) {
+extern "C" KeywordList *DevAllAttr(const char *alias, int methods) {
   KeywordList *list = CreateKeywordList();
   if (list == nullptr) {
     QDerror(kModule, "Cannot create keyword list\n");

@@ -2,7 +2,7 @@
 #include <cstring>
 
 #include "front.h"
-#include "queries.h"
+#include "qd.h"
 
 extern "C" NameValue *QDLgetmethod(const char *alias, const char *name) {
   if (alias == nullptr || name == nullptr) return nullptr;

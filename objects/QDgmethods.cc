@@ -1,6 +1,6 @@
 // All methods of an entry.
 #include "front.h"
-#include "queries.h"
+#include "qd.h"
 
 extern "C" KeywordList *QDLgetmethods(const char *alias) {
   if (alias == nullptr) return nullptr;

@@ -17,8 +17,6 @@ constexpr size_t kRoom = 2 * qd::kRedirectRoom;  // a modify and then an add
 // The command being built and run.
 char *Command = nullptr;
 
-int OutputPut(void *, char *) { return 0; }
-
 bool Plain(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
          strchr("_-./,:@%+", c) != nullptr;
@@ -59,6 +57,8 @@ bool ValueWord(const char *value, std::string *out) {
 }  // namespace
 
 extern "C" {
+
+int OutputPut(void *, char *) { return 0; }
 
 char *BuildPutCommand(const char *alias, KeywordList *list, const char *option) {
   QDtrace(8, "BuildPutCommand", "Alias:%s:", alias);

@@ -125,8 +125,10 @@ TEST_F(Qdadm, CacheCommandsWithinOneRun) {
   EXPECT_EQ(r.status, 0);
   EXPECT_NE(r.out.find("entries=32\n"), std::string::npos);
   EXPECT_NE(r.out.find("QDcache_addobj=32\n"), std::string::npos);
+  EXPECT_NE(Admin({"--json", "cache", "stats"}).out.find("\"entries\": 32, \"aliashashsize\": 128,"),
+            std::string::npos);
   r = Admin({"--json", "cache", "flush"});
-  EXPECT_EQ(r.out, "{\"entries\": \"32\", \"flushed\": \"yes\"}\n");
+  EXPECT_EQ(r.out, "{\"entries\": 32, \"flushed\": 1}\n");
   EXPECT_EQ(Admin({"list"}).out.substr(0, 8), "floppy0\n") << "a direct flush writes in reverse";
 }
 

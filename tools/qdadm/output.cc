@@ -67,6 +67,18 @@ void Output::Fields(const Pairs &fields) {
   for (const auto &f : fields) Line(f.first, f.second);
 }
 
+void Output::Counts(const Numbers &counts) {
+  std::string out = "{";
+  for (size_t i = 0; i < counts.size(); ++i) {
+    std::string n = std::to_string(counts[i].second);
+    if (json_)
+      out += (i ? ", " : "") + JsonString(counts[i].first) + ": " + n;
+    else
+      Line(counts[i].first, n);
+  }
+  if (json_) printf("%s}\n", out.c_str());
+}
+
 void Output::Object(const std::string &alias, const Pairs &attributes, const Pairs &methods) {
   if (json_) {
     printf("{\"alias\": %s, \"attributes\": %s, \"methods\": %s}\n", JsonString(alias).c_str(),

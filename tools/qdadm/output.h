@@ -9,6 +9,7 @@
 namespace qdadm {
 
 using Pairs = std::vector<std::pair<std::string, std::string>>;
+using Numbers = std::vector<std::pair<std::string, long long>>;
 
 class Output {
  public:
@@ -17,6 +18,8 @@ class Output {
   void Value(const std::string &name, const std::string &value);
   // Several named values of one thing.
   void Fields(const Pairs &fields);
+  // Several named numbers: NAME=N lines, or a JSON object of numbers.
+  void Counts(const Numbers &counts);
   // An object: alias, attributes, methods.
   void Object(const std::string &alias, const Pairs &attributes, const Pairs &methods);
   // A list of aliases, one a line, or a JSON array.

@@ -271,17 +271,17 @@ int Cache(Output &out, const Args &a) {
     Say("%s", std::string("cannot load the cache").c_str());
     return 255;
   }
-  int entries = 0;
+  long long entries = 0;
   for (oce *e = qdcache_ocp->next; e != qdcache_ocp; e = e->next) ++entries;
   if (what == "flush") {
     int rc = QDcache_flush();
-    out.Fields({{"entries", std::to_string(entries)}, {"flushed", rc == 0 ? "yes" : "no"}});
+    out.Counts({{"entries", entries}, {"flushed", rc == 0 ? 1 : 0}});
     return rc == 0 ? 0 : 255;
   }
-  Pairs fields = {{"entries", std::to_string(entries)},
-                  {"aliashashsize", std::to_string(qdc_rc.aliashashsize)},
-                  {"directload", std::to_string(qdcache_directload)},
-                  {"directsave", std::to_string(qdcache_directsave)}};
+  qdadm::Numbers counts = {{"entries", entries},
+                           {"aliashashsize", qdc_rc.aliashashsize},
+                           {"directload", qdcache_directload},
+                           {"directsave", qdcache_directsave}};
   if (what == "stats") {
     static const char *const labels[] = {
         "hook_QDLput", "hook_GetAllAliases", "hook_GetSpecificAliases", "hook_QDdelete",
@@ -289,9 +289,9 @@ int Cache(Output &out, const Args &a) {
         "hash_searchadd", "max_hash_chain", "QDcache_load_direct_add", "QDcache_find_alias",
         "CachedReferenceNextAttribute", "QDcache_addalias", "QDcache_addobj", "QDcache_rmobj",
         "QDcache_archive_obj"};
-    for (int i = 0; i < 18; ++i) fields.emplace_back(labels[i], std::to_string(qdcache_info[i]));
+    for (int i = 0; i < 18; ++i) counts.emplace_back(labels[i], qdcache_info[i]);
   }
-  out.Fields(fields);
+  out.Counts(counts);
   QDcache_free();
   return 0;
 }
