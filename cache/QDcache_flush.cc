@@ -172,6 +172,8 @@ void QDcache_free(void) {
   }
   free(qdchash_tbl);
   qdchash_tbl = nullptr;
+  qdcache::Walk() = qdcache::AttributeWalk();
+  qdcache::Memory().Reset();
   QDtrace(8, kModule, "QDcache_free end, %d seconds, total time %d seconds", Elapsed(start), Elapsed(start));
   qdcache_running_sec = Elapsed(start);
   QDcache_show_info();

@@ -2,9 +2,10 @@
 //
 // Heads and pairs are built in buffers that grow to what they need: an
 // entry is never cut and never lost.
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <string>
+#include <vector>
 
 #include "cache_state.h"
 
@@ -23,28 +24,55 @@ const SpecialTable kSpecial;
 
 bool Special(char c) { return kSpecial.special[static_cast<unsigned char>(c)]; }
 
-// The writer's buffers, kept from entry to entry: a flush writes every entry.
-std::string &HeadBuffer() {
-  static std::string buffer;
+// A buffer that grows to what it is asked to hold; kept from entry to entry,
+// as a flush writes every entry.
+class Buffer {
+ public:
+  void clear() { used_ = 0; }
+  size_t size() const { return used_; }
+  bool empty() const { return used_ == 0; }
+  const char *data() const { return data_.data(); }
+  // Room for n more characters, at the returned position.
+  char *Room(size_t n) {
+    if (used_ + n > data_.size()) data_.resize(std::max(data_.size() * 2, used_ + n + 4096));
+    return data_.data() + used_;
+  }
+  void Grow(size_t n) { used_ += n; }
+  void Put(char c) {
+    *Room(1) = c;
+    ++used_;
+  }
+  void Put(const char *s, size_t n) {
+    memcpy(Room(n), s, n);
+    used_ += n;
+  }
+
+ private:
+  std::vector<char> data_;
+  size_t used_ = 0;
+};
+
+Buffer &HeadBuffer() {
+  static Buffer buffer;
   return buffer;
 }
-std::string &PairBuffer() {
-  static std::string buffer;
+Buffer &PairBuffer() {
+  static Buffer buffer;
   return buffer;
 }
 
 // Appends s with its special characters escaped, leaving out the character
-// `omit` (none when it is -1).
-void AppendEscaped(std::string *out, const char *s, int omit) {
-  auto omitted = [omit](char c) { return omit >= 0 && c == static_cast<char>(omit); };
+// `omit` (none when it is -1). Most strings hold no special character at
+// all: they are found in runs and copied whole.
+void AppendEscaped(Buffer *out, const char *s, int omit) {
   for (;;) {
-    const char *run = s;
-    while (*s != '\0' && !Special(*s) && !omitted(*s)) ++s;
-    out->append(run, static_cast<size_t>(s - run));
+    size_t run = strcspn(s, ":\\\"\n");
+    out->Put(s, run);
+    s += run;
     if (*s == '\0') return;
-    if (!omitted(*s)) {
-      *out += '\\';
-      *out += *s;
+    if (omit < 0 || *s != static_cast<char>(omit)) {
+      char pair[2] = {'\\', *s};
+      out->Put(pair, 2);
     }
     ++s;
   }
@@ -88,22 +116,37 @@ int strcpyesc_omit_ch(char *dest, const char *src, int ch) {
 
 int flush_alias_to_stream(const char *alias, KeywordList *attributes) {
   // The head grows to whatever it needs, so no head is ever cut.
-  std::string &head = HeadBuffer();
+  Buffer &head = HeadBuffer();
   head.clear();
   // An alias that starts like a comment or blank line would be skipped by
   // readers: its first character takes a backslash too.
-  if (*alias == '#' || *alias == ' ' || *alias == '\t') head += '\\';
+  if (*alias == '#' || *alias == ' ' || *alias == '\t') head.Put('\\');
   AppendEscaped(&head, alias, -1);
-  head += ':';
-  for (const char *positional : {"cdevice", "bdevice", "pathname"}) {
+  head.Put(':');
+  // The positional fields as a lookup of each finds them, in one walk: the
+  // first entry of the keyword, taken only when it has a value.
+  static const char *const kPositional[3] = {"cdevice", "bdevice", "pathname"};
+  int status[3] = {KWL_NOTFOUND, KWL_NOTFOUND, KWL_NOTFOUND};
+  char *found[3] = {};
+  if (attributes != nullptr) {
+    attributes->kwl_cursor = attributes->kwl_first;
     char *kw;
     char *value;
-    if (attributes != nullptr && ReferenceKeywordInList(attributes, positional, &kw, &value) == 0) {
-      AppendEscaped(&head, value, -1);
-      RemoveKeywordFmList(attributes, positional);  // value is gone now
+    int st;
+    while ((st = ReferenceNextKeywordInList(attributes, &kw, &value)) == KWL_OK || st == KWL_WARN) {
+      int i = kw[0] == 'c' ? 0 : kw[0] == 'b' ? 1 : kw[0] == 'p' ? 2 : -1;
+      if (i >= 0 && status[i] == KWL_NOTFOUND && strcmp(kw, kPositional[i]) == 0) {
+        status[i] = st;
+        found[i] = value;
+      }
     }
-    head += ':';
   }
+  for (int i = 0; i < 3; ++i) {
+    if (status[i] == KWL_OK) AppendEscaped(&head, found[i], -1);
+    head.Put(':');
+  }
+  for (int i = 0; i < 3; ++i)
+    if (status[i] == KWL_OK) RemoveKeywordFmList(attributes, kPositional[i]);  // the values go with it
   if (fwrite(head.data(), 1, head.size(), QDlock_fptr) != head.size()) {
     QDtrace(3, "flush_alias_to_stream", "flush_alias_to_stream: fprintf failed, errno %d", errno);
     return -1;
@@ -116,7 +159,7 @@ int flush_kwlist_to_stream(FILE *stream, KeywordList *list, int blank) {
   int rc = ValidKeywordList(list);
   if (rc != 0) return rc;
   list->kwl_cursor = list->kwl_first;
-  std::string &buffer = PairBuffer();
+  Buffer &buffer = PairBuffer();
   buffer.clear();
   auto write_out = [&]() {
     if (fwrite(buffer.data(), 1, buffer.size(), stream) != buffer.size()) {
@@ -131,11 +174,11 @@ int flush_kwlist_to_stream(FILE *stream, KeywordList *list, int blank) {
   int st;
   while ((st = ReferenceNextKeywordInList(list, &kw, &value)) == KWL_OK || st == KWL_WARN) {
     if (buffer.size() >= kPairBuffer && !write_out()) return -1;
-    if (blank) buffer += ' ';
+    if (blank) buffer.Put(' ');
     AppendEscaped(&buffer, kw, -1);
-    buffer += "=\"";
+    buffer.Put("=\"", 2);
     AppendEscaped(&buffer, value, '"');
-    buffer += '"';
+    buffer.Put('"');
     blank = 1;
   }
   if (st != KWL_END) rc = st;

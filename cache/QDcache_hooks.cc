@@ -28,15 +28,6 @@ bool SetStampAttr(oce *entry, const struct tm &stamp, const char *keyword) {
   return true;
 }
 
-// Cursor of CachedReferenceNextAttribute.
-struct CacheCursor {
-  oce *entry = nullptr;
-  ObjectRecord *object = nullptr;
-  KeywordList *list = nullptr;
-  bool methods = false;
-};
-CacheCursor walk;
-
 }  // namespace
 
 extern "C" {
@@ -92,8 +83,9 @@ int QDcache_hook_UnitProp(const char *alias, const char *name, char *value) {
   }
   // Values in the cache come from the table, which allows longer ones than
   // the record holds: those are cut at the record's size, never past it.
-  strncpy(value, found, QD_VALUE_MAX);
-  value[QD_VALUE_MAX] = '\0';
+  size_t n = strnlen(found, QD_VALUE_MAX);
+  memcpy(value, found, n);
+  value[n] = '\0';
   return 0;
 }
 
@@ -167,7 +159,8 @@ int QDcache_hook_QDdelete(const char *alias) {
     return 3;
   }
   QDtrace(8, kModule, "Deleting alias");
-  if (walk.entry == e) walk = CacheCursor();  // the search cursor must not keep it
+  qdcache::AttributeWalk &walk = qdcache::Walk();
+  if (walk.entry == e) walk = qdcache::AttributeWalk();  // the search cursor must not keep it
   QDcache_rmobj(e);
   return 0;
 }
@@ -270,6 +263,7 @@ int CachedReferenceNextAttribute(char **alias, char **name, char **value) {
   }
   Count(qdcache::kCachedReferenceNextAttribute);
   QDtrace(8, kModule, "CachedReferenceNextAttribute");
+  qdcache::AttributeWalk &walk = qdcache::Walk();
   for (;;) {
     if (walk.list != nullptr) {
       char *kw;
@@ -293,7 +287,7 @@ int CachedReferenceNextAttribute(char **alias, char **name, char **value) {
     }
     oce *next = walk.entry != nullptr ? walk.entry->next : qdcache_ocp->next;
     if (next == qdcache_ocp) {
-      walk = CacheCursor();
+      walk = qdcache::AttributeWalk();
       QDtrace(8, kModule, "End-of-cache reached");
       return KWL_END;
     }
@@ -301,7 +295,7 @@ int CachedReferenceNextAttribute(char **alias, char **name, char **value) {
             reinterpret_cast<unsigned long>(next->objptr));
     if (next->objptr == nullptr) {
       QDtrace(8, kModule, "ocp or objptr is NULL");
-      walk = CacheCursor();
+      walk = qdcache::AttributeWalk();
       return KWL_END;
     }
     walk.entry = next;

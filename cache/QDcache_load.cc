@@ -1,6 +1,7 @@
 // Loading the whole table into the cache: directly from the table file
 // through the table cursor, or through the alias listing and object query.
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -14,61 +15,83 @@ using qdcache::kModule;
 namespace {
 
 // One entry being assembled by the direct loader: its pairs in arrival
-// order, in storage reused from entry to entry. This does for the loader
+// order, in one buffer reused from entry to entry. This does for the loader
 // what the report tree does (first value of a keyword kept, keywords in
-// descending byte order) without a node allocation per pair.
+// descending byte order) without an allocation per pair.
 class Assembly {
  public:
   void Start(const char *alias) {
-    alias_ = alias;  // kept whole: an alias of any length stays one object
+    size_t n = strlen(alias) + 1;
+    alias_.resize(n);  // kept whole: an alias of any length stays one object
+    memcpy(alias_.data(), alias, n);
     used_ = 0;
+    pairs_.clear();
     active_ = true;
   }
   bool active() const { return active_; }
-  const std::string &alias() const { return alias_; }
-  bool SameAlias(const char *alias) const { return active_ && alias_ == alias; }
+  bool SameAlias(const char *alias) const { return active_ && strcmp(alias_.data(), alias) == 0; }
 
   void Offer(const char *key, const char *value) {
-    if (used_ == pairs_.size()) pairs_.emplace_back();
-    Pair &p = pairs_[used_++];
-    p.key = key;
-    p.value = value;
-    p.order = used_;
+    size_t k = strlen(key) + 1, v = strlen(value) + 1;
+    if (used_ + k + v > text_.size()) text_.resize(std::max(text_.size() * 2, used_ + k + v + 4096));
+    char *at = text_.data() + used_;
+    memcpy(at, key, k);
+    memcpy(at + k, value, v);
+    pairs_.push_back({Prefix(key), static_cast<uint32_t>(used_), static_cast<uint32_t>(used_ + k)});
+    used_ += k + v;
   }
 
   // Adds the entry to the cache as the report tree and QDcache_addalias
   // would: keywords unique (first value kept) in descending order.
   void AddToCache() {
-    order_.resize(used_);
-    for (size_t i = 0; i < used_; ++i) order_[i] = &pairs_[i];
-    std::sort(order_.begin(), order_.end(), [](const Pair *a, const Pair *b) {
-      int c = strcmp(a->key.c_str(), b->key.c_str());
-      return c != 0 ? c > 0 : a->order < b->order;
-    });
+    const char *text = text_.data();
+    // An insertion sort: entries have a dozen pairs, and it is stable, so
+    // that among pairs of one keyword the first stays first.
+    auto before = [text](const Pair &a, const Pair &b) {
+      if (a.prefix != b.prefix) return a.prefix > b.prefix;
+      return strcmp(text + a.key, text + b.key) > 0;
+    };
+    for (size_t i = 1; i < pairs_.size(); ++i) {
+      Pair p = pairs_[i];
+      size_t j = i;
+      for (; j > 0 && before(p, pairs_[j - 1]); --j) pairs_[j] = pairs_[j - 1];
+      pairs_[j] = p;
+    }
     keys_.clear();
     values_.clear();
     const Pair *last = nullptr;
-    for (Pair *p : order_) {
-      if (last != nullptr && last->key == p->key) continue;  // the first value stays
-      QDtrace(8, "QDcache_load_direct_add_kw", "adding '%s' = '%s'", p->key.c_str(), p->value.c_str());
-      keys_.push_back(&p->key[0]);
-      values_.push_back(&p->value[0]);
-      last = p;
+    for (const Pair &p : pairs_) {
+      char *key = text_.data() + p.key;
+      // The first value of a keyword stays.
+      if (last != nullptr && last->prefix == p.prefix && strcmp(text + last->key, key) == 0) continue;
+      last = &p;
+      char *value = text_.data() + p.value;
+      QDtrace(8, "QDcache_load_direct_add_kw", "adding '%s' = '%s'", key, value);
+      keys_.push_back(key);
+      values_.push_back(value);
     }
-    qdcache::AddFromPairs(alias_.c_str(), keys_.data(), values_.data(), keys_.size(), 1);
+    qdcache::AddFromPairs(alias_.data(), keys_.data(), values_.data(), keys_.size(), 1);
     active_ = false;
   }
 
  private:
   struct Pair {
-    std::string key, value;
-    size_t order = 0;
+    uint64_t prefix;      // the keyword's first bytes, ordered as strcmp orders them
+    uint32_t key, value;  // offsets in text_
   };
-  std::string alias_;
-  std::vector<Pair> pairs_;
-  std::vector<Pair *> order_;
-  std::vector<char *> keys_, values_;
+  static uint64_t Prefix(const char *key) {
+    uint64_t p = 0;
+    for (int i = 0; i < 8; ++i) {
+      p = p << 8 | static_cast<unsigned char>(*key);
+      if (*key != '\0') ++key;
+    }
+    return p;
+  }
+  std::vector<char> alias_;
+  std::vector<char> text_;  // keyword and value of each pair, terminated
   size_t used_ = 0;
+  std::vector<Pair> pairs_;
+  std::vector<char *> keys_, values_;
   bool active_ = false;
 };
 
@@ -83,6 +106,7 @@ void Discard() {
   free(qdchash_tbl);
   qdchash_tbl = nullptr;
   qdcache::Index().Clear();
+  qdcache::Memory().Reset();
 }
 
 int LoadIndirect() {
@@ -132,7 +156,7 @@ int QDcache_load_direct(void) {
       if (entry.active()) AddAssembled(&entry);
       entry.Start(alias);
     }
-    if (strcmp(name, "alias") == 0) continue;
+    if (name[0] == 'a' && strcmp(name, "alias") == 0) continue;
     if (*value == '\0' && (strcmp(name, "cdevice") == 0 || strcmp(name, "bdevice") == 0)) continue;
     entry.Offer(name, value);
   }

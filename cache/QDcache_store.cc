@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "cache_state.h"
+#include "kwlist_layout.h"
 
 using qdcache::Count;
 using qdcache::kModule;
@@ -55,46 +56,143 @@ void IndexUnlinked(oce *e, unsigned bucket) {
   }
 }
 
+// A zero-filled entry in the cache's memory.
+oce *NewEntry() {
+  void *p = qdcache::Memory().Allocate(sizeof(oce));
+  memset(p, 0, sizeof(oce));
+  return static_cast<oce *>(p);
+}
+
+// The values of an object's ObjTimestamp and ObjModifyTime, or null.
+struct Stamps {
+  const char *touched = nullptr;
+  const char *modified = nullptr;
+};
+
+Stamps LookUpStamps(ObjectRecord *object) {
+  Stamps s;
+  char *kw;
+  char *value;
+  if (ReferenceKeywordInList(object->attributes, "ObjTimestamp", &kw, &value) == 0) s.touched = value;
+  if (ReferenceKeywordInList(object->attributes, "ObjModifyTime", &kw, &value) == 0) s.modified = value;
+  return s;
+}
+
+// QDcache_addobj's work on a given entry.
+oce *Enter(oce *e, ObjectRecord *object, unsigned char status, const Stamps &stamps) {
+  qdcache::Count(qdcache::kAddobj);
+  e->objptr = object;
+  const char *alias = object->alias;
+  if ((status & (OCE_ACTIVE | OCE_UPDATED)) == (OCE_ACTIVE | OCE_UPDATED)) {
+    e->status = status;
+    e->accesstime = e->modifytime = QDtimestamp;
+    QDtrace(8, kModule, "Object added (new):      %s", alias);
+  } else {
+    const char *value = stamps.touched;
+    if (value == nullptr) {
+      e->status = static_cast<unsigned char>(status | OCE_ACTIVE);
+      QDzerotimestamp(&e->accesstime);
+      QDzerotimestamp(&e->modifytime);
+      QDtrace(8, kModule, "Object added (original): %s", alias);
+    } else {
+      e->status = static_cast<unsigned char>(status & ~OCE_ACTIVE);
+      e->accesstime = QDvalue2tm(value);
+      QDtrace(8, kModule, "Object added (stale):    %s", alias);
+      QDtrace(8, kModule, "        Last touched:    %s", value);
+      if ((value = stamps.modified) != nullptr) {
+        QDtrace(8, kModule, "       Last modified:    %s", value);
+        e->modifytime = QDvalue2tm(value);
+      } else {
+        e->modifytime = e->accesstime;
+      }
+    }
+  }
+  QDcache_oce_enq(qdcache_ocp->prev, e);
+  oce *hashed = QDcache_hash_searchadd(alias, e);
+  if (hashed != e) {
+    e->hnext = e->hprev = e;
+    e->qd_chain = 0;
+  }
+  return hashed;
+}
+
+// One pair as the layout wants it: lengths with terminators.
+struct PairSize {
+  size_t key, value;
+  bool method;
+};
+
+// Lays out both lists of an object, each in the pairs' order.
+void LayLists(char *attributes_at, char *methods_at, char *const *keys, char *const *values,
+              const std::vector<PairSize> &sizes, KeywordList **attributes, KeywordList **methods) {
+  using namespace pv::layout;
+  KeywordList *list[2] = {Lay(attributes_at, 0, kForeign), Lay(methods_at, 0, kForeign)};
+  char *at[2] = {LaidEntries(list[0]), LaidEntries(list[1])};
+  for (size_t i = 0; i < sizes.size(); ++i) {
+    int m = sizes[i].method;
+    Append(list[m], Fill(at[m], keys[i], sizes[i].key, values[i], sizes[i].value, false));
+    at[m] += EntrySize(sizes[i].key, sizes[i].value);
+  }
+  *attributes = list[0];
+  *methods = list[1];
+}
+
 }  // namespace
 
 namespace qdcache {
 
 oce *AddFromPairs(const char *alias, char *const *keys, char *const *values, size_t n,
                   unsigned char status) {
+  using pv::layout::Align;
+  using pv::layout::EntrySize;
+  using pv::layout::ListSize;
   Count(kAddalias);
   QDtrace(8, kModule, "QDcache_addalias '%s'", alias);
-  // The pairs are gathered first and then copied once, so that each of the
-  // object's lists is a single block: a load builds hundreds of thousands.
-  KeywordList *gathered[2] = {CreateKeywordList(), CreateKeywordList()};  // methods, attributes
-  KeywordList *methods = nullptr;
-  KeywordList *attributes = nullptr;
-  if (gathered[0] != nullptr && gathered[1] != nullptr) {
-    for (size_t i = 0; i < n; ++i) {
-      for (char *p = values[i]; *p; ++p)
-        if (static_cast<signed char>(*p) < 32 || *p == 127) *p = ' ';
-      bool method = IsMethod(keys[i], static_cast<int>(strlen(keys[i]))) != 0;
-      AddKeywordToList(gathered[method ? 0 : 1], keys[i], values[i]);
+  static std::vector<PairSize> sizes;
+  sizes.resize(n);
+  size_t room[2] = {0, 0};  // attributes, methods
+  Stamps stamps;            // the first of each, as a lookup finds them
+  for (size_t i = 0; i < n; ++i) {
+    char *p = values[i];
+    for (; *p; ++p)
+      if (static_cast<signed char>(*p) < 32 || *p == 127) *p = ' ';
+    size_t klen = strlen(keys[i]);
+    sizes[i] = {klen + 1, static_cast<size_t>(p - values[i]) + 1, IsMethod(keys[i], static_cast<int>(klen)) != 0};
+    room[sizes[i].method] += EntrySize(sizes[i].key, sizes[i].value);
+    if (keys[i][0] == 'O' && !sizes[i].method) {
+      if (stamps.touched == nullptr && strcmp(keys[i], "ObjTimestamp") == 0) stamps.touched = values[i];
+      if (stamps.modified == nullptr && strcmp(keys[i], "ObjModifyTime") == 0) stamps.modified = values[i];
     }
-    methods = DuplicateKeywordList(gathered[0]);
-    attributes = DuplicateKeywordList(gathered[1]);
   }
-  DestroyKeywordList(gathered[0]);
-  DestroyKeywordList(gathered[1]);
-  if (methods == nullptr || attributes == nullptr) QDerror(kModule, "CreateKeywordList failed\n");
-  size_t len = strlen(alias);
-  char *copy = static_cast<char *>(QDmalloc(kModule, len + 1));
-  ObjectRecord *object = nullptr;
-  if (copy != nullptr) {
-    memcpy(copy, alias, len + 1);
-    object = Create_object(copy, attributes, methods);
+  // Entry, record, alias and both lists in one piece.
+  size_t alias_size = strlen(alias) + 1;
+  size_t at_record = Align(sizeof(oce));
+  size_t at_alias = at_record + Align(sizeof(ObjectRecord));
+  size_t at_attributes = at_alias + Align(alias_size);
+  size_t at_methods = at_attributes + Align(ListSize(room[0], pv::layout::kForeign));
+  size_t total = at_methods + ListSize(room[1], pv::layout::kForeign);
+  char *piece = static_cast<char *>(Memory().Allocate(total));
+  auto *e = reinterpret_cast<oce *>(piece);
+  memset(e, 0, sizeof(oce));
+  auto *object = reinterpret_cast<ObjectRecord *>(piece + at_record);
+  object->alias = piece + at_alias;
+  memcpy(object->alias, alias, alias_size);
+  LayLists(piece + at_attributes, piece + at_methods, keys, values, sizes, &object->attributes,
+           &object->methods);
+  object->contained = nullptr;
+  return Enter(e, object, status, stamps);
+}
+
+void ReleaseEntry(oce *entry) {
+  Arena &memory = Memory();
+  if (ObjectRecord *o = entry->objptr) {
+    if (!memory.Owns(o->alias)) free(o->alias);
+    // Lists laid out in the cache's memory free only what they grew.
+    if (o->attributes != nullptr) DestroyKeywordList(o->attributes);
+    if (o->methods != nullptr) DestroyKeywordList(o->methods);
+    if (!memory.Owns(o)) free(o);
   }
-  if (object == nullptr) {
-    free(copy);
-    DestroyKeywordList(attributes);
-    DestroyKeywordList(methods);
-    return nullptr;
-  }
-  return QDcache_addobj(object, status);
+  QDcache_oce_free(entry);
 }
 
 }  // namespace qdcache
@@ -110,7 +208,9 @@ oce *QDcache_oce_new(void) {
   return e;
 }
 
-void QDcache_oce_free(oce *entry) { free(entry); }
+void QDcache_oce_free(oce *entry) {
+  if (!qdcache::Memory().Owns(entry)) free(entry);
+}
 
 void QDcache_oce_enq(oce *after, oce *entry) {
   entry->next = after->next;
@@ -195,42 +295,7 @@ oce *QDcache_hash_searchadd(const char *alias, oce *entry) {
 }
 
 oce *QDcache_addobj(ObjectRecord *object, unsigned char status) {
-  Count(qdcache::kAddobj);
-  oce *e = QDcache_oce_new();
-  e->objptr = object;
-  const char *alias = object->alias;
-  if ((status & (OCE_ACTIVE | OCE_UPDATED)) == (OCE_ACTIVE | OCE_UPDATED)) {
-    e->status = status;
-    e->accesstime = e->modifytime = QDtimestamp;
-    QDtrace(8, kModule, "Object added (new):      %s", alias);
-  } else {
-    char *kw;
-    char *value;
-    if (ReferenceKeywordInList(object->attributes, "ObjTimestamp", &kw, &value) != 0) {
-      e->status = static_cast<unsigned char>(status | OCE_ACTIVE);
-      QDzerotimestamp(&e->accesstime);
-      QDzerotimestamp(&e->modifytime);
-      QDtrace(8, kModule, "Object added (original): %s", alias);
-    } else {
-      e->status = static_cast<unsigned char>(status & ~OCE_ACTIVE);
-      e->accesstime = QDvalue2tm(value);
-      QDtrace(8, kModule, "Object added (stale):    %s", alias);
-      QDtrace(8, kModule, "        Last touched:    %s", value);
-      if (ReferenceKeywordInList(object->attributes, "ObjModifyTime", &kw, &value) == 0) {
-        QDtrace(8, kModule, "       Last modified:    %s", value);
-        e->modifytime = QDvalue2tm(value);
-      } else {
-        e->modifytime = e->accesstime;
-      }
-    }
-  }
-  QDcache_oce_enq(qdcache_ocp->prev, e);
-  oce *hashed = QDcache_hash_searchadd(alias, e);
-  if (hashed != e) {
-    e->hnext = e->hprev = e;
-    e->qd_chain = 0;
-  }
-  return hashed;
+  return Enter(NewEntry(), object, status, LookUpStamps(object));
 }
 
 oce *QDcache_addalias(const char *alias, KeywordList *pairs, unsigned char status) {
@@ -250,13 +315,7 @@ void QDcache_rmobj(oce *entry) {
   Count(qdcache::kRmobj);
   QDcache_oce_deq(entry);
   QDcache_hash_deq(entry);
-  if (ObjectRecord *o = entry->objptr) {
-    free(o->alias);
-    if (o->attributes != nullptr) DestroyKeywordList(o->attributes);
-    if (o->methods != nullptr) DestroyKeywordList(o->methods);
-    free(o);
-  }
-  QDcache_oce_free(entry);
+  qdcache::ReleaseEntry(entry);
 }
 
 oce *QDcache_find_alias(const char *alias) {

@@ -13,7 +13,7 @@ long qdcache_running_sec = 0;  // clock at the start of a load, flush or free
 struct qdc_rc_t qdc_rc = {128, 1, 1};
 unsigned int qdcache_info[18] = {};
 
-oce qdcache_ocp1 = {&qdcache_ocp1, &qdcache_ocp1, nullptr, nullptr, nullptr, 0, {}, {}, 0};
+oce qdcache_ocp1 = {&qdcache_ocp1, &qdcache_ocp1, nullptr, nullptr, nullptr, 0, 0, {}, {}};
 oce *qdcache_ocp = &qdcache_ocp1;
 oce *qdchash_tbl = nullptr;
 }
@@ -30,6 +30,16 @@ const char *const kCounterLabels[kCounters] = {
     "QDcache_find_alias",  "CachedReferenceNextAttribute", "QDcache_addalias",
     "QDcache_addobj",      "QDcache_rmobj",          "QDcache_archive_obj",
 };
+
+Arena &Memory() {
+  static Arena arena;
+  return arena;
+}
+
+AttributeWalk &Walk() {
+  static AttributeWalk walk;
+  return walk;
+}
 
 AliasIndex &Index() {
   static AliasIndex index;

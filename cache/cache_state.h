@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "arena.h"
 #include "qd.h"
 
 namespace qdcache {
@@ -78,15 +79,31 @@ unsigned Bucket(const char *alias);
 
 extern const char kModule[];  // "QDcache"
 
+// The memory of the objects a load or a put lays out (see arena.h).
+Arena &Memory();
+
+// The position of CachedReferenceNextAttribute's walk over the cache.
+struct AttributeWalk {
+  oce *entry = nullptr;  // null: no walk under way
+  ObjectRecord *object = nullptr;
+  KeywordList *list = nullptr;  // the object's attributes, or its methods
+  bool methods = false;
+};
+AttributeWalk &Walk();
+
 // True while a flush runs: the puts and deletes it makes go to the device
 // commands and never try to load the cache.
 bool Flushing();
 
 // The body of QDcache_addalias over plain arrays of pairs (values are
-// cleaned in place): the direct loader hands its assembled entry straight
-// to it, without building a keyword list first.
+// cleaned in place): the object is laid out in the cache's memory in one
+// piece, entry, record, alias and both lists. The direct loader hands its
+// assembled entry straight to it, without building a keyword list first.
 oce *AddFromPairs(const char *alias, char *const *keys, char *const *values, size_t n,
                   unsigned char status);
+
+// Frees what an entry owns that does not lie in the cache's memory.
+void ReleaseEntry(oce *entry);
 
 }  // namespace qdcache
 

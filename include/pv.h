@@ -54,10 +54,9 @@ typedef struct KeywordList {
   KeywordEntry *kwl_cursor; /* entry the next iteration call delivers */
   KeywordEntry *kwl_first;  /* first entry, or NULL when empty */
   KeywordEntry *kwl_last;   /* private: last entry */
-  unsigned long kwl_count;  /* private: number of entries */
   struct KeywordBlock *kwl_blocks; /* private: storage of the entries */
-  unsigned long kwl_dead;   /* private: bytes of removed entries */
-  int kwl_shared;           /* private: a block shares the header's allocation */
+  unsigned int kwl_count;   /* private: number of entries */
+  int kwl_shared;           /* private: who owns the memory laid out with the header */
 } KeywordList;
 
 /* Keyword lists. Strings passed in are copied. A NULL value makes an entry

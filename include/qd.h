@@ -126,9 +126,10 @@ typedef struct oce {
   struct oce *hprev;
   ObjectRecord *objptr;  /* owned */
   unsigned char status;  /* OCE_ACTIVE, OCE_UPDATED */
+  unsigned int qd_chain; /* private (it fills the padding before the stamps):
+                            1 + the bucket whose chain holds it, or 0 */
   struct tm accesstime;  /* its ObjTimestamp; zero stamp for none */
   struct tm modifytime;  /* its ObjModifyTime */
-  unsigned int qd_chain; /* private: 1 + the bucket whose chain holds it, or 0 */
 } oce;
 
 /* The cache settings, from the settings file. */

@@ -14,50 +14,23 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "kwlist_layout.h"
 #include "pv.h"
 #include "pv_internal.h"
 
-struct KeywordEntry {
-  KeywordEntry *next;
-  uint32_t span;     // bytes the entry takes in its block
-  uint8_t no_value;  // added with a NULL value: delivered as "" with KWL_WARN
-  char keyword[1];   // the keyword, then its value
-};
-
-struct KeywordBlock {
-  KeywordBlock *next;  // the block filled before this one
-  uint32_t used;
-  uint32_t room;
-};
-
 namespace {
 
-constexpr unsigned long kLiveMagic = 0x4b574c31UL;  // "KWL1"
-constexpr unsigned long kDeadMagic = 0xdeadbeefUL;
+using namespace pv::layout;
+
 constexpr size_t kFirstRoom = 256;
 constexpr size_t kMaxGrowth = 64 * 1024;
 constexpr size_t kPackSlack = 4096;  // dead bytes tolerated whatever the live ones
 constexpr size_t kMaxBlock = UINT32_MAX / 2;
 
-constexpr size_t Align(size_t n) { return (n + 7) & ~static_cast<size_t>(7); }
-constexpr size_t kBlockHead = Align(sizeof(KeywordBlock));
-constexpr size_t kListHead = Align(sizeof(KeywordList));
-constexpr size_t kEntryHead = offsetof(KeywordEntry, keyword);
-
-char *Data(KeywordBlock *b) { return reinterpret_cast<char *>(b) + kBlockHead; }
-
-// The block that a duplicated list shares with its header, or null.
-KeywordBlock *HeaderBlock(KeywordList *list) {
-  if (!list->kwl_shared) return nullptr;
-  return reinterpret_cast<KeywordBlock *>(reinterpret_cast<char *>(list) + kListHead);
-}
-
 char *ValueOf(KeywordEntry *e) { return e->keyword + strlen(e->keyword) + 1; }
 
 // Bytes after the keyword, terminator and alignment padding included.
-size_t ValueRoom(KeywordEntry *e) { return e->span - kEntryHead - (strlen(e->keyword) + 1); }
-
-size_t EntrySize(size_t klen, size_t vlen) { return Align(kEntryHead + klen + vlen); }
+size_t ValueRoom(KeywordEntry *e) { return Span(e) - kEntryHead - (strlen(e->keyword) + 1); }
 
 // Makes sure the newest block has `need` bytes free, adding a block of at
 // least `room` bytes when it has not.
@@ -78,24 +51,9 @@ size_t GrowthRoom(KeywordList *list) {
   const KeywordBlock *b = list->kwl_blocks;
   // A copy is exact and mostly stays as it is: what is added to it later
   // (a time stamp at a flush) gets just its own room.
-  if (list->kwl_shared && (b == nullptr || b == HeaderBlock(list))) return 0;
+  if (list->kwl_shared != kOwnBlocks && (b == nullptr || b == HeaderBlock(list))) return 0;
   if (b == nullptr || b->room == 0) return kFirstRoom;
   return b->room >= kMaxGrowth / 2 ? kMaxGrowth : b->room * 2;
-}
-
-// Fills an entry in reserved space of the newest block.
-KeywordEntry *Carve(KeywordList *list, const char *keyword, size_t klen, const char *value,
-                    size_t vlen, bool no_value) {
-  KeywordBlock *b = list->kwl_blocks;
-  size_t span = EntrySize(klen, vlen);
-  auto *e = reinterpret_cast<KeywordEntry *>(Data(b) + b->used);
-  b->used += static_cast<uint32_t>(span);
-  e->next = nullptr;
-  e->span = static_cast<uint32_t>(span);
-  e->no_value = no_value;
-  memcpy(e->keyword, keyword, klen);
-  memcpy(e->keyword + klen, value, vlen);
-  return e;
 }
 
 // A new entry in the list's storage, not yet linked.
@@ -117,19 +75,19 @@ size_t PackedSize(KeywordEntry *e) {
 
 // Copies the first `n` entries of `src` behind the end of `list`, in
 // storage reserved in one go, so that it either fully happens or not at all.
-int CopyEntries(KeywordList *list, const KeywordList *src, unsigned long n) {
+int CopyEntries(KeywordList *list, const KeywordList *src, unsigned int n) {
   if (n == 0) return KWL_OK;
   size_t total = 0;
   KeywordEntry *e = src->kwl_first;
-  for (unsigned long i = 0; i < n; ++i, e = e->next) total += PackedSize(e);
+  for (unsigned int i = 0; i < n; ++i, e = e->next) total += PackedSize(e);
   if (!Reserve(list, total, total)) return KWL_NOMEM;
   KeywordEntry *head = nullptr;
   KeywordEntry *tail = nullptr;
   e = src->kwl_first;
-  for (unsigned long i = 0; i < n; ++i, e = e->next) {
+  for (unsigned int i = 0; i < n; ++i, e = e->next) {
     size_t klen = strlen(e->keyword) + 1;
     const char *value = e->keyword + klen;
-    KeywordEntry *c = Carve(list, e->keyword, klen, value, strlen(value) + 1, e->no_value != 0);
+    KeywordEntry *c = Carve(list, e->keyword, klen, value, strlen(value) + 1, NoValue(e));
     if (tail != nullptr)
       tail->next = c;
     else
@@ -147,8 +105,8 @@ int CopyEntries(KeywordList *list, const KeywordList *src, unsigned long n) {
   return KWL_OK;
 }
 
-// Frees every block but the one that shares the header's allocation, which
-// is kept with nothing carved from it.
+// Frees every block but the one laid out with the header, which is kept
+// with nothing carved from it.
 void DropStorage(KeywordList *list) {
   KeywordBlock *shared = HeaderBlock(list);
   for (KeywordBlock *b = list->kwl_blocks; b != nullptr;) {
@@ -161,7 +119,6 @@ void DropStorage(KeywordList *list) {
     *shared = KeywordBlock{nullptr, 0, 0};
     list->kwl_blocks = shared;
   }
-  list->kwl_dead = 0;
 }
 
 size_t Carved(const KeywordList *list) {
@@ -170,15 +127,34 @@ size_t Carved(const KeywordList *list) {
   return n;
 }
 
-// Packs the live entries into one block when dead ones outweigh them. Order
-// and cursor are kept; strings move, as any change of a list allows.
+// Bytes of the live entries that lie in blocks the list owns.
+size_t LiveOwned(KeywordList *list) {
+  size_t n = 0;
+  for (KeywordEntry *e = list->kwl_first; e != nullptr; e = e->next) {
+    auto *p = reinterpret_cast<char *>(e);
+    for (KeywordBlock *b = list->kwl_blocks; b != nullptr; b = b->next) {
+      if (p >= Data(b) && p < Data(b) + b->used) {
+        n += Span(e);
+        break;
+      }
+    }
+  }
+  return n;
+}
+
+// Packs the live entries into one block when the dead ones in the list's own
+// blocks outweigh them. Order and cursor are kept; strings move, as any
+// change of a list allows. Small lists are never packed.
 void MaybePack(KeywordList *list) {
   if (list->kwl_count == 0) {
     DropStorage(list);
     return;
   }
-  size_t live = Carved(list) - list->kwl_dead;
-  if (list->kwl_dead <= kPackSlack || list->kwl_dead <= live) return;
+  size_t carved = Carved(list);
+  if (carved <= kPackSlack) return;
+  size_t live = LiveOwned(list);
+  size_t dead = carved - live;
+  if (dead <= kPackSlack || dead <= live) return;
   KeywordList packed{};
   if (CopyEntries(&packed, list, list->kwl_count) != KWL_OK) return;  // stays as it is
   KeywordEntry *cursor = nullptr;
@@ -193,17 +169,6 @@ void MaybePack(KeywordList *list) {
 }
 
 bool Live(const KeywordList *list) { return list != nullptr && list->kwl_magic == kLiveMagic; }
-
-void Append(KeywordList *list, KeywordEntry *e) {
-  if (list->kwl_last != nullptr)
-    list->kwl_last->next = e;
-  else
-    list->kwl_first = e;
-  // A list that has delivered nothing yet starts from its first entry.
-  if (list->kwl_cursor == nullptr && list->kwl_count == 0) list->kwl_cursor = e;
-  list->kwl_last = e;
-  ++list->kwl_count;
-}
 
 // The entry of the keyword, and the one before it (null for the first).
 KeywordEntry *FindEntry(KeywordList *list, const char *keyword, KeywordEntry **prev_out = nullptr) {
@@ -225,7 +190,7 @@ int SetValue(KeywordList *list, KeywordEntry *e, KeywordEntry *prev, const char 
   size_t vlen = strlen(value) + 1;
   if (vlen <= ValueRoom(e)) {
     memmove(ValueOf(e), value, vlen);
-    e->no_value = no_value;
+    e->span = Span(e) | (no_value ? kNoValue : 0);
     return KWL_OK;
   }
   size_t klen = strlen(e->keyword) + 1;
@@ -241,7 +206,6 @@ int SetValue(KeywordList *list, KeywordEntry *e, KeywordEntry *prev, const char 
     list->kwl_first = c;
   if (list->kwl_last == e) list->kwl_last = c;
   if (list->kwl_cursor == e) list->kwl_cursor = c;
-  list->kwl_dead += e->span;
   MaybePack(list);
   return KWL_OK;
 }
@@ -265,7 +229,6 @@ int RemoveIf(KeywordList *list, Pred drop) {
     if (list->kwl_last == e) list->kwl_last = prev;
     if (list->kwl_cursor == e) list->kwl_cursor = next;
     --list->kwl_count;
-    list->kwl_dead += e->span;
     ++removed;
     e = next;
   }
@@ -273,7 +236,7 @@ int RemoveIf(KeywordList *list, Pred drop) {
   return removed;
 }
 
-int Deliver(const KeywordEntry *e) { return e->no_value ? KWL_WARN : KWL_OK; }
+int Deliver(const KeywordEntry *e) { return NoValue(e) ? KWL_WARN : KWL_OK; }
 
 }  // namespace
 
@@ -290,7 +253,7 @@ int DestroyKeywordList(KeywordList *list) {
   if (!Live(list)) return KWL_INVALID;
   DropStorage(list);
   list->kwl_magic = kDeadMagic;
-  free(list);
+  if (list->kwl_shared != kForeign) free(list);
   return KWL_OK;
 }
 
@@ -393,14 +356,9 @@ KeywordList *DuplicateKeywordList(KeywordList *list) {
   size_t total = 0;
   for (KeywordEntry *e = list->kwl_first; e != nullptr; e = e->next) total += PackedSize(e);
   if (total > kMaxBlock) return nullptr;
-  auto *copy = static_cast<KeywordList *>(malloc(kListHead + kBlockHead + total));
-  if (copy == nullptr) return nullptr;
-  *copy = KeywordList{};
-  copy->kwl_magic = kLiveMagic;
-  copy->kwl_shared = 1;
-  KeywordBlock *block = HeaderBlock(copy);
-  *block = KeywordBlock{nullptr, 0, static_cast<uint32_t>(total)};
-  copy->kwl_blocks = block;
+  void *memory = malloc(ListSize(total, kOneBlock));
+  if (memory == nullptr) return nullptr;
+  KeywordList *copy = Lay(memory, total, kOneBlock);
   CopyEntries(copy, list, list->kwl_count);  // cannot fail: the room is there
   copy->kwl_cursor = copy->kwl_first;
   return copy;

@@ -47,6 +47,28 @@ bool PutDigits(char *&out, int n, int width) {
   return true;
 }
 
+// The fields of a value whose every field is plain digits of the written
+// width (what QDtm2value writes); false for anything else.
+bool ReadPlainDigits(const char *text, struct tm *stamp) {
+  int *const fields[] = {&stamp->tm_year, &stamp->tm_mon, &stamp->tm_mday, &stamp->tm_hour, &stamp->tm_min,
+                         &stamp->tm_sec,  &stamp->tm_wday, &stamp->tm_yday, &stamp->tm_isdst};
+  const int widths[] = {4, 2, 2, 2, 2, 2, 1, 3, 2};
+  int read[9];
+  const char *p = text;
+  for (int i = 0; i < 9; ++i) {
+    int n = 0;
+    for (int w = 0; w < widths[i]; ++w, ++p) {
+      if (*p < '0' || *p > '9') return false;
+      n = n * 10 + (*p - '0');
+    }
+    if (*p != (i < 8 ? ',' : '\0') && !(i == 8 && *p >= ' ' && (*p < '0' || *p > '9'))) return false;
+    read[i] = n;
+    ++p;
+  }
+  for (int i = 0; i < 9; ++i) *fields[i] = read[i];
+  return true;
+}
+
 }  // namespace
 
 extern "C" {
@@ -85,6 +107,9 @@ struct tm QDvalue2tm(const char *value) {
     QDtrace(2, kModule, "Zeroing-out timestamp");
     return stamp;
   }
+  // A load reads a stamp for nearly every object: the writer's own form,
+  // digits only, takes no trip through sscanf.
+  if (ReadPlainDigits(value, &stamp)) return stamp;
   // The widths are those of the writer; sscanf stops at the text's end.
   sscanf(value, "%4d,%2d,%2d,%2d,%2d,%2d,%1d,%3d,%2d", &stamp.tm_year, &stamp.tm_mon,
          &stamp.tm_mday, &stamp.tm_hour, &stamp.tm_min, &stamp.tm_sec, &stamp.tm_wday,
