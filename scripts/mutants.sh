@@ -4,9 +4,10 @@
 # suite and reports whether a test failed (the fault was caught). A fault no
 # test catches is a gap in the suite.
 #
-#   scripts/mutants.sh [-l] [NAME...]
+#   scripts/mutants.sh [-l|-c] [NAME...]
 #
-# -l lists the faults; NAMEs run only those (default: all). Not part of
+# -l lists the faults, -c checks that each still applies (its pattern occurs
+# once) without building; NAMEs run only those (default: all). Not part of
 # `make check`: it rebuilds once per fault. The source is restored after
 # each fault, also when the script is interrupted.
 #
@@ -16,8 +17,9 @@ set -u
 top=$(cd "$(dirname "$0")/.." && pwd)
 build=${MUTANTS_BUILD:-$top/build/mutants}
 jobs=${JOBS:-2}
-list_only=0
+list_only=0 check_only=0
 if [ "${1:-}" = "-l" ]; then list_only=1; shift; fi
+if [ "${1:-}" = "-c" ]; then list_only=1 check_only=1; shift; fi
 wanted="$*"
 
 saved=""
@@ -41,6 +43,11 @@ fault() {
   name=$1 file=$2
   if [ -n "$wanted" ]; then
     case " $wanted " in *" $name "*) ;; *) return 0 ;; esac
+  fi
+  if [ $check_only = 1 ]; then
+    n=$(PAT=$3 perl -0777 -ne '$n = () = /\Q$ENV{PAT}\E/g; print $n' "$top/$file" 2>/dev/null || echo 0)
+    [ "$n" = 1 ] || { printf '%-44s STALE (%s matches in %s)\n' "$name" "$n" "$file"; missed="$missed $name"; }
+    return 0
   fi
   if [ $list_only = 1 ]; then
     printf '%-44s %s\n' "$name" "$file"
@@ -71,6 +78,10 @@ fault() {
 }
 
 summary() {
+  if [ $check_only = 1 ]; then
+    [ -z "$missed" ] || exit 1
+    return 0
+  fi
   [ $list_only = 1 ] && return 0
   cmake --build "$build" -j"$jobs" >/dev/null 2>&1
   echo "$caught of $total faults caught"
@@ -83,6 +94,124 @@ summary() {
 faults() {
 # Front and services
 fault method-name-misses-func front/QDservices.cc 's.find("func")' 's.find("fnc")'
+fault error-module-not-cut front/QDservices.cc 'if (dot != std::string::npos) name.resize(dot);' ';'
+fault command-exit-status-lost front/QDservices.cc 'int result = term_status != 0 ? -1 : exit_status;' 'int result = term_status != 0 ? -1 : 0;'
+fault command-word-unquoted front/command.cc 'if (plain) {
+    text_.append(word);' 'if (true) {
+    text_.append(word);'
+# Keyword lists and their cursor
+fault kwlist-cursor-skips-first pv/kwlist_layout.h 'if (list->kwl_cursor == nullptr && list->kwl_count == 0) list->kwl_cursor = e;' 'if (list->kwl_cursor == nullptr && list->kwl_count == 1) list->kwl_cursor = e;'
+fault kwlist-remove-keeps-last pv/kwlist.cc 'if (list->kwl_last == e) list->kwl_last = prev;' ';'
+fault kwlist-duplicates-not-reported pv/kwlist.cc 'return removed > 0 ? KWL_DUPLICATE : KWL_OK;' 'return KWL_OK;'
+fault kwlist-no-value-not-warned pv/kwlist.cc 'int Deliver(const KeywordEntry *e) { return NoValue(e) ? KWL_WARN : KWL_OK; }' 'int Deliver(const KeywordEntry *e) { return KWL_OK; }'
+fault kwlist-value-room-overrun pv/kwlist.cc 'if (vlen <= ValueRoom(e)) {' 'if (vlen <= ValueRoom(e) + 8) {'
+fault kwlist-addvalue-repeats pv/kwlist.cc 'if (IsInCommaList(value, current)) return KWL_OK;' ';'
+fault kwlist-copy-cursor-mid pv/kwlist.cc 'copy->kwl_cursor = copy->kwl_first;' 'copy->kwl_cursor = copy->kwl_last;'
+fault kwstream-quotes-lost pv/kwstream.cc 'if (IsBlank(s[0]) || IsBlank(s[n - 1]) || s[0] == '"'"'"'"'"') return true;' 'if (IsBlank(s[0]) || s[0] == '"'"'"'"'"') return true;'
+fault kwstream-comment-read-as-entry pv/kwstream.cc 'if (pos == line.size() || line[pos] == '"'"'#'"'"') {' 'if (pos == line.size()) {'
+# Comma lists
+fault commalist-no-trim pv/commalist.cc 'std::string_view item = Trim(text.substr(0, comma));' 'std::string_view item = text.substr(0, comma);'
+fault commalist-prefix-matches pv/commalist.cc 'return ForEachItem(text, [want](std::string_view have) { return have == want; }) ? 1 : 0;' 'return ForEachItem(text, [want](std::string_view have) { return have.substr(0, want.size()) == want; }) ? 1 : 0;'
+# The table format: escapes and quotes
+fault format-colon-unescaped pv/devtab_format.cc 'AppendEscaped(out, value, ":\\\"\n");' 'AppendEscaped(out, value, "\\\"\n");'
+fault format-escaped-newline-ends-entry pv/devtab_format.cc 'return (run & 1) != 0;' 'return false;'
+fault format-comment-guard-lost pv/devtab_format.cc 'if (!alias.empty() && (alias[0] == '"'"'#'"'"' || IsBlank(alias[0]) || alias[0] == '"'"'\r'"'"'))' 'if (false)'
+fault writer-quote-kept cache/QDcache_format.cc 'AppendEscaped(&buffer, value, '"'"'"'"'"');' 'AppendEscaped(&buffer, value, -1);'
+fault writer-positional-kept-as-pair cache/QDcache_format.cc 'if (status[i] == KWL_OK) RemoveKeywordFmList(attributes, kPositional[i]);' ';'
+fault writer-strlenesc-miscounts cache/QDcache_format.cc 'for (; *s; ++s) n += Special(*s) ? 2 : 1;' 'for (; *s; ++s) n += 1;'
+# The cursor over the table file
+fault cursor-positional-order pv/cursor.cc 'if (f < 3) {' 'if (f < 2) {'
+fault cursor-keeps-replaced-file pv/cursor.cc 'if (!StillCurrent(path)) {' 'if (cursor.fd < 0) {'
+# The device commands
+fault unitprop-unquoted commands/unitprop.cc 'fputs("'"'"'\n", stdout);' 'fputs("\n", stdout);'
+fault unitlist-negation-ignored commands/unitlist.cc 'bool holds = AnyValueHolds(c, e) != c.negated;' 'bool holds = AnyValueHolds(c, e);'
+fault unitmod-add-overwrites commands/unitmod.cc 'if (found) {
+      Fail("an entry for %s exists already", alias);' 'if (false) {
+      Fail("an entry for %s exists already", alias);'
+fault unitmod-modify-appends commands/unitmod.cc 'if (i < e->npairs) {
+      e->pairs[i].value = c.value;' 'if (false) {
+      e->pairs[i].value = c.value;'
+# The one rewrite of the table
+fault rewrite-no-sync pv/devtab_file.cc 'if (err == 0 && sys::Fsync(fd_) != 0) err = errno;' ';'
+fault rewrite-mode-lost pv/devtab_file.cc 'if (fchmod(fd_, old.st_mode & 07777) != 0) err = errno;' ';'
+fault rewrite-stale-temps-kept pv/devtab_file.cc 'unlinkat(dirfd(d), e->d_name, 0);' ';'
+fault rewrite-link-replaced pv/devtab_file.cc 'target_ = ResolvedPath(path);' 'target_ = path;'
+fault rewrite-lock-not-carried pv/devtab_file.cc 'if (fcntl(fd_, F_SETLK, &fl) != 0) err = errno;' ';'
+# The table lock: counters and record lines
+fault lock-nested-read-not-counted lock/QDlock.cc '    ++table.rlck_cnt;
+    ++table.counter;
+    QDtrace(8, kLock, "QDlock_rlck_cnt = %d", table.rlck_cnt);' '    ++table.rlck_cnt;
+    QDtrace(8, kLock, "QDlock_rlck_cnt = %d", table.rlck_cnt);'
+fault lock-record-says-write lock/QDlock.cc 'write ? "write" : "read");
+  size_t room' '"write");
+  size_t room'
+fault lock-file-never-removed lock/QDlock.cc 'if (unlink(table.path) == 0)' 'if (false)'
+fault lock-inode-unchecked lock/QDlock.cc 'if (table.path_stat.st_ino != table.fd_stat.st_ino || table.path_stat.st_dev != table.fd_stat.st_dev) {' 'if (false) {'
+fault lock-nowait-waits lock/QDlock.cc 'int cmd = (mode & QDLOCK_TEST) ? F_GETLK : (mode & QDLOCK_NOWAIT) ? F_SETLK : F_SETLKW;' 'int cmd = (mode & QDLOCK_TEST) ? F_GETLK : F_SETLKW;'
+# The file-pointer lock
+fault fplock-replaced-file-kept lock/QDlock_fp.cc 'if (file.lock_counter == 0 && !SameFile()) {' 'if (false) {'
+fault fplock-nested-release-drops-all lock/QDlock_fp.cc 'if (file.lock_counter > 0) {
+    // Every file lock' 'if (false) {
+    // Every file lock'
+# Time stamps: text and comparison
+fault stamp-year-field-short time/QDtime.cc 'const int widths[] = {4, 2, 2, 2, 2, 2, 1, 3, 2};
+  char text[32];' 'const int widths[] = {3, 2, 2, 2, 2, 2, 1, 3, 2};
+  char text[32];'
+fault stamp-compare-ignores-seconds time/QDtime.cc 'for (int i = 0; i < 6; ++i) {
+    if (left[i] > right[i]) return 1;' 'for (int i = 0; i < 5; ++i) {
+    if (left[i] > right[i]) return 1;'
+fault stamp-env-zero-read-as-now time/QDtime.cc 'if (strcmp(env, "0") == 0) {' 'if (false) {'
+fault stamp-reader-misreads-digits time/QDtime.cc 'n = n * 10 + (*p - '"'"'0'"'"');' 'n = n * 10 + (*p - '"'"'1'"'"');'
+# The cache: hash, index and memory
+fault hash-unsigned-bytes cache/cache_state.cc 'sum += static_cast<unsigned int>(static_cast<signed char>(*p));' 'sum += static_cast<unsigned char>(*p);'
+fault hash-max-chain-off-by-one cache/QDcache_store.cc 'if (walked + 1 > qdcache_info[qdcache::kMaxHashChain]) qdcache_info[qdcache::kMaxHashChain] = walked + 1;' 'if (walked > qdcache_info[qdcache::kMaxHashChain]) qdcache_info[qdcache::kMaxHashChain] = walked;'
+fault index-second-entry-wins cache/QDcache_store.cc 'if (hashed != e) {
+    e->hnext = e->hprev = e;' 'if (false) {
+    e->hnext = e->hprev = e;'
+fault store-stamp-ignored cache/QDcache_store.cc 'if (stamps.touched == nullptr && strcmp(keys[i], "ObjTimestamp") == 0) stamps.touched = values[i];' ';'
+fault store-values-not-cleaned cache/QDcache_store.cc 'if (static_cast<signed char>(*p) < 32 || *p == 127) *p = '"'"' '"'"';' ';'
+# Load and flush order
+fault load-keeps-last-value cache/QDcache_load.cc 'if (last != nullptr && last->prefix == p.prefix && strcmp(text + last->key, key) == 0) continue;' 'if (last != nullptr && last->prefix == p.prefix && strcmp(text + last->key, key) == 0) { keys_.pop_back(); values_.pop_back(); }'
+fault load-ascending-order cache/QDcache_load.cc 'if (a.prefix != b.prefix) return a.prefix > b.prefix;
+      return strcmp(text + a.key, text + b.key) > 0;' 'if (a.prefix != b.prefix) return a.prefix < b.prefix;
+      return strcmp(text + a.key, text + b.key) < 0;'
+fault load-empty-cdevice-kept cache/QDcache_load.cc 'if (*value == '"'"'\0'"'"' && (strcmp(name, "cdevice") == 0 || strcmp(name, "bdevice") == 0)) continue;' ';'
+fault flush-forward-order cache/QDcache_flush.cc 'for (oce *e = qdcache_ocp->prev; e != qdcache_ocp;) {
+    oce *prev = e->prev;' 'for (oce *e = qdcache_ocp->next; e != qdcache_ocp;) {
+    oce *prev = e->next;'
+fault flush-stale-written-by-writer cache/QDcache_flush.cc 'if ((e->status & OCE_ACTIVE) == 0) {
+    QDtrace(8, kModule, "STALE object");' 'if (false) {
+    QDtrace(8, kModule, "STALE object");'
+fault hook-put-rewrites-unchanged cache/QDcache_hooks.cc '} else if (!changed && strcmp(stored, value) != 0) {' '} else if (!changed) {'
+# The put command line
+fault put-alias-entry-written objects/QDput.cc 'if (strcmp(kw, "alias") == 0) continue;' ';'
+fault put-value-unquoted objects/QDput.cc 'if (strchr("$`\\\"", *p) != nullptr) out->push_back('"'"'\\'"'"');' ';'
+fault put-no-add-after-modify objects/QDput.cc 'if (status == 2 || status == 3) {' 'if (status == 2) {'
+fault put-stamp-left-in-list objects/QDput.cc 'if (list != nullptr) RemoveKeywordFmList(list, "ObjTimestamp");' ';'
+# Alias matching and listing
+fault match-partial-criteria aliases/QDmatchal.cc 'if (node != nullptr && met == n) {' 'if (node != nullptr && met >= 1) {'
+fault match-fail-ignored aliases/QDmatchal.cc 'if (!IsInCommaList(*item, value)) result = -1;' ';'
+fault list-stale-included aliases/QDgaliases.cc 'if (qd_stale == 0) args.Raw(" alias_status!:\\*");' ';'
+# The framework switch
+fault fwswitch-private-table-ignored front/QDfwswitch.cc 'if (tab != nullptr && strcmp(tab, QD_DEVTAB_PATH) != 0) {' 'if (false) {'
+fault fwswitch-first-rc-entry-wins front/QDfwswitch.cc '    strcpy(name, value);
+    QDtrace(8, kModule, "%s=%s", "YRA_FW", value);
+    found = true;' '    if (!found) strcpy(name, value);
+    QDtrace(8, kModule, "%s=%s", "YRA_FW", value);
+    found = true;'
+fault fwswitch-missing-function-kept front/QDfwswitch.cc '      dlclose(sw.handle);
+      sw.handle = nullptr;
+      return Local();
+    }
+    if (fn != nullptr)' '      return 1;
+    }
+    if (fn != nullptr)'
+# qdadm's argument handling
+fault qdadm-json-ignored tools/qdadm/qdadm.cc 'if (opt == "--json") {
+      json = true;' 'if (opt == "--json") {
+      json = false;'
+fault qdadm-arity-unchecked tools/qdadm/qdadm.cc 'if (args.size() < c.min_args || (c.max_args != 0 && args.size() > c.max_args)) {' 'if (false) {'
+fault qdadm-put-accepts-bare-name tools/qdadm/qdadm.cc 'if (eq == std::string::npos || eq == 0) {' 'if (eq == 0) {'
 }
 
 faults
