@@ -169,6 +169,8 @@ fault index-second-entry-wins cache/QDcache_store.cc 'if (hashed != e) {
     e->hnext = e->hprev = e;' 'if (false) {
     e->hnext = e->hprev = e;'
 fault store-stamp-ignored cache/QDcache_store.cc 'if (stamps.touched == nullptr && strcmp(keys[i], "ObjTimestamp") == 0) stamps.touched = values[i];' ';'
+fault kwlist-frees-foreign-header pv/kwlist.cc 'if (list->kwl_shared != kForeign) free(list);' 'free(list);'
+fault arena-reuse-restarts-first-block cache/arena.cc 'size_t i = next_ == nullptr ? 0 : current_ + 1;' 'size_t i = 0;'
 fault store-values-not-cleaned cache/QDcache_store.cc 'if (static_cast<signed char>(*p) < 32 || *p == 127) *p = '"'"' '"'"';' ';'
 # Load and flush order
 fault load-keeps-last-value cache/QDcache_load.cc 'if (last != nullptr && last->prefix == p.prefix && strcmp(text + last->key, key) == 0) continue;' 'if (last != nullptr && last->prefix == p.prefix && strcmp(text + last->key, key) == 0) { keys_.pop_back(); values_.pop_back(); }'

@@ -1,12 +1,14 @@
 // Loading the cache, directly from the table file or through the queries.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "qd.h"
 #include "sandbox.h"
+#include "table_gen.h"
 #include "trace_capture.h"
 
 using testing_support::Sandbox;
@@ -35,6 +37,42 @@ class Load : public testing::Test {
   void SetUp() override { setenv("TAV_LIBQDRC", box_.Path("rc").c_str(), 1); }
   Sandbox box_;
 };
+
+// Every (alias, name, value) the table cursor reads, sorted; values without
+// their double quotes, which the writer leaves out.
+std::vector<std::string> Triples() {
+  std::vector<std::string> out;
+  ResetDeviceTabFile();
+  char *a, *n, *v;
+  while (ReferenceNextAttribute(&a, &n, &v) == KWL_OK) {
+    std::string value = v;
+    value.erase(std::remove(value.begin(), value.end(), '"'), value.end());
+    out.push_back(std::string(a) + "|" + n + "|" + value);
+  }
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+// A table big enough to take several of the cache's blocks of memory loads
+// whole, twice in one process (the second time into the blocks the first
+// left), and a direct flush writes back what the cursor read.
+TEST_F(Load, ABigTableLoadsWholeAgainAndAgain) {
+  std::vector<std::string> aliases;
+  tablegen::WriteTable(box_.table(), 20000, 3, &aliases);
+  std::vector<std::string> triples = Triples();
+  for (int round = 0; round < 2; ++round) {
+    ASSERT_EQ(QDcache_load(), 0);
+    EXPECT_EQ(QueueAliases(), aliases) << round;
+    for (size_t i = 0; i < aliases.size(); i += 997) {
+      oce *e = QDcache_find_alias(aliases[i].c_str());
+      ASSERT_NE(e, nullptr) << aliases[i];
+      EXPECT_STREQ(e->objptr->alias, aliases[i].c_str());
+    }
+    if (round == 0) QDcache_free();
+  }
+  ASSERT_EQ(QDcache_flush(), 0);
+  EXPECT_TRUE(Triples() == triples);
+}
 
 TEST_F(Load, DirectLoadKeepsTableOrderAndTheLoadersRules) {
   std::string long_alias(40, 'L');
