@@ -278,7 +278,7 @@ oce *QDcache_hash(const char *alias) {
 // walk would find first, and the chain lengths are kept as entries move.
 oce *QDcache_hash_lookup(const char *alias) {
   Count(qdcache::kHashLookup);
-  QDcache_hash(alias);
+  Count(qdcache::kHash);  // the bucket itself is not needed: the index answers
   qdcache::IndexSlot *slot = qdcache::Index().Find(alias);
   return slot != nullptr ? slot->first : nullptr;
 }

@@ -173,8 +173,9 @@ bool Live(const KeywordList *list) { return list != nullptr && list->kwl_magic =
 // The entry of the keyword, and the one before it (null for the first).
 KeywordEntry *FindEntry(KeywordList *list, const char *keyword, KeywordEntry **prev_out = nullptr) {
   KeywordEntry *prev = nullptr;
+  // The first characters differ for most entries: they are compared first.
   for (KeywordEntry *e = list->kwl_first; e != nullptr; prev = e, e = e->next) {
-    if (strcmp(e->keyword, keyword) == 0) {
+    if (e->keyword[0] == keyword[0] && strcmp(e->keyword, keyword) == 0) {
       if (prev_out != nullptr) *prev_out = prev;
       return e;
     }
