@@ -6,6 +6,7 @@
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <vector>
 
 #include "qd.h"
 #include "qd_paths.h"
@@ -52,68 +53,43 @@ struct tm Read(const std::string &text) {
   return t;
 }
 
-TEST_F(Stamps, TextFormOfStamps) {
-  struct Case {
-    struct tm stamp;
-    const char *text;
-  } cases[] = {
+TEST_F(Stamps, TextFormsReadAndWrittenComparedAndExpired) {
+  const std::pair<struct tm, const char *> cases[] = {
       {Stamp(0, 0, 0, 0, 0, 0, 0, 0, 0), "0000,00,00,00,00,00,0,000,00"},
       {Stamp(97, 2, 14, 9, 5, 3, 5, 72, 0), "0097,02,14,09,05,03,5,072,00"},
       {Stamp(124, 11, 31, 23, 59, 59, 2, 365, 0), "0124,11,31,23,59,59,2,365,00"},
       {Stamp(97, 2, 14, 9, 5, 3, 5, 72, -1), "0097,02,14,09,05,03,5,072,-1"},
       {Stamp(9999, 99, 99, 99, 99, 99, 9, 999, 99), "9999,99,99,99,99,99,9,999,99"},
   };
-  for (const Case &c : cases) {
-    EXPECT_EQ(Text(c.stamp), c.text);
-    EXPECT_EQ(Text(Read(c.text)), c.text) << "round trip";
+  for (const auto &c : cases) {
+    EXPECT_EQ(Text(c.first), c.second);
+    EXPECT_EQ(Text(Read(c.second)), c.second) << "round trip";
   }
   // Fields wider than their place are written whole, then cut to the
   // value's length.
   EXPECT_EQ(Text(Stamp(12345, 100, 1, 1, 1, 1, 10, 1000, 1)), "12345,100,01,01,01,01,10,100");
   EXPECT_EQ(Text(Stamp(97, 2, 14, 9, -5, 3, 5, 72, 0)), "0097,02,14,09,-5,03,5,072,00");
   struct tm t = Read("0097,02,14,09,05,03,5,072,00");
-  EXPECT_EQ(t.tm_sec, 3);
-  EXPECT_EQ(t.tm_min, 5);
-  EXPECT_EQ(t.tm_hour, 9);
-  EXPECT_EQ(t.tm_mday, 14);
-  EXPECT_EQ(t.tm_mon, 2);
-  EXPECT_EQ(t.tm_year, 97);
-  EXPECT_EQ(t.tm_wday, 5);
-  EXPECT_EQ(t.tm_yday, 72);
-  EXPECT_EQ(Read("0124,00,01,00,00,00,1,000,00").tm_year, 124);
-}
-
-TEST_F(Stamps, TextsThatAreNotStampsGiveTheZeroStamp) {
-  Sandbox box;
-  TraceCapture trace(box, 2);
-  for (const char *bad : {"1997-03-14", "", "0097,02,14,09,05,03,5,07", "0097,02,14,09,05,03,5,072",
-                          "0097.02,14,09,05,03,5,072,00", "x"}) {
-    struct tm t = Read(bad);
-    EXPECT_EQ(Text(t), "0000,00,00,00,00,00,0,000,00") << bad;
-  }
-  EXPECT_TRUE(trace.Has("Invalid timestamp value format: 1997-03-14"));
-  EXPECT_TRUE(trace.Has("Zeroing-out timestamp"));
+  EXPECT_EQ(std::vector<int>({t.tm_sec, t.tm_min, t.tm_hour, t.tm_mday, t.tm_mon, t.tm_year, t.tm_wday, t.tm_yday}),
+            std::vector<int>({3, 5, 9, 14, 2, 97, 5, 72}));
   // The commas alone make a value: what lies between them is read as it is.
   EXPECT_EQ(Read("0097,02,14,09,05,03,5,072,").tm_mday, 14);
   EXPECT_EQ(Read("0097,02,14,09,05,03,5,072,00 and more").tm_isdst, 0);
-}
+  Sandbox box;
+  TraceCapture trace(box, 2);
+  for (const char *bad : {"1997-03-14", "", "0097,02,14,09,05,03,5,072", "0097.02,14,09,05,03,5,072,00"})
+    EXPECT_EQ(Text(Read(bad)), "0000,00,00,00,00,00,0,000,00") << bad;
+  EXPECT_TRUE(trace.Has("Invalid timestamp value format: 1997-03-14") && trace.Has("Zeroing-out timestamp"));
 
-TEST_F(Stamps, ComparisonLooksAtTheDateAndTimeOnly) {
-  struct tm a = Stamp(97, 2, 14, 9, 5, 3, 5, 72, 0);
-  struct tm b = Stamp(97, 2, 14, 9, 5, 3, 1, 10, 1);
-  EXPECT_EQ(QDcomparestamps(a, b), 0);
+  struct tm a = Stamp(97, 2, 14, 9, 5, 3, 5, 72, 0), b = Stamp(97, 2, 14, 9, 5, 3, 1, 10, 1);
+  EXPECT_EQ(QDcomparestamps(a, b), 0);  // weekday, day of year and flag play no part
   b.tm_sec = 4;
   EXPECT_EQ(QDcomparestamps(a, b), -1);
   EXPECT_EQ(QDcomparestamps(b, a), 1);
-  struct tm later_year = Stamp(98, 0, 1, 0, 0, 0, 0, 0, 0);
-  EXPECT_EQ(QDcomparestamps(later_year, a), 1);
-}
-
-TEST_F(Stamps, ExpiryIsAgainstTheExpirationDate) {
-  struct tm old = Stamp(97, 2, 14, 9, 5, 3, 5, 72, 0);
-  EXPECT_EQ(QDexpired(old), 0) << "no expiration date yet";
+  EXPECT_EQ(QDcomparestamps(Stamp(98, 0, 1, 0, 0, 0, 0, 0, 0), a), 1);
+  EXPECT_EQ(QDexpired(a), 0) << "no expiration date yet";
   QDexpirationdate = Stamp(100, 0, 1, 0, 0, 0, 6, 0, 0);
-  EXPECT_EQ(QDexpired(old), 1);
+  EXPECT_EQ(QDexpired(a), 1);
   EXPECT_EQ(QDexpired(QDexpirationdate), 0);
 }
 
