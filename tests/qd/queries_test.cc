@@ -1,7 +1,6 @@
-// The four queries end to end: libQD runs the real unitprop on a sandbox
-// table. Where the output of unitprop itself is the subject, a stand-in
-// unitprop placed first on PATH prints what the test wants and records how
-// it was called.
+// The queries and object records end to end: libQD runs the real unitprop on
+// a sandbox table. Where unitprop's output itself is the subject, a stand-in
+// unitprop first on PATH prints what the test wants and logs its calls.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,208 +10,115 @@
 #include <string>
 
 #include "qd.h"
-#include "sandbox.h"
 #include "trace_capture.h"
 
 using testing_support::ReadFile;
 using testing_support::Sandbox;
 using testing_support::WriteFile;
+using Map = std::map<std::string, std::string>;
 
 namespace {
 
-std::map<std::string, std::string> ToMap(KeywordList *list) {
-  std::map<std::string, std::string> m;
+Map ToMap(KeywordList *list) {
+  Map m;
   list->kwl_cursor = list->kwl_first;
   char *kw, *value;
-  int rc;
-  while ((rc = ReferenceNextKeywordInList(list, &kw, &value)) == KWL_OK || rc == KWL_WARN)
-    m[kw] = value;
+  while (ReferenceNextKeywordInList(list, &kw, &value) != KWL_END) m[kw] = value;
   return m;
 }
 
-// A unitprop that prints `output`, exits with `status` and logs its arguments.
-class FakeUnitprop {
- public:
-  FakeUnitprop(const Sandbox &box, const std::string &output, int status = 0) {
-    WriteFile(box.Path("fake.out"), output);
-    log_ = testing_support::FakeCommand(box, "unitprop",
-                                        "cat '" + box.Path("fake.out") + "'\nexit " + std::to_string(status));
-  }
-  std::string Calls() const { return access(log_.c_str(), F_OK) == 0 ? ReadFile(log_) : ""; }
-
- private:
-  std::string log_;
-};
-
-TEST(QDLgetattr, ReadsOneValueThroughUnitprop) {
-  Sandbox box;
-  NameValue *nv = QDLgetattr("disk0", "desc");
-  ASSERT_NE(nv, nullptr);
-  EXPECT_STREQ(nv->name, "desc");
-  EXPECT_STREQ(nv->value, "SCSI disk 0: 9.1 GB");
+std::string Value(NameValue *nv) {
+  std::string v = nv != nullptr ? nv->value : "<null>";
   free(nv);
-  nv = QDLgetattr("disk0", "pathname");  // present but empty
-  ASSERT_NE(nv, nullptr);
-  EXPECT_STREQ(nv->value, "");
-  free(nv);
+  return v;
 }
 
-TEST(QDLgetattr, FailsForUnknownAliasOrName) {
+// A unitprop that prints `output` and logs its arguments.
+std::string FakeUnitprop(const Sandbox &box, const std::string &output) {
+  WriteFile(box.Path("fake.out"), output);
+  return testing_support::FakeCommand(box, "unitprop", "cat '" + box.Path("fake.out") + "'");
+}
+
+TEST(Queries, ReadValuesAttributesMethodsAndWholeObjects) {
   Sandbox box;
-  EXPECT_EQ(QDLgetattr("nosuch", "desc"), nullptr);
-  EXPECT_EQ(QDLgetattr("disk0", "nosuch"), nullptr);
+  EXPECT_EQ(Value(QDLgetattr("disk0", "desc")), "SCSI disk 0: 9.1 GB");
+  EXPECT_EQ(Value(QDLgetattr("disk0", "pathname")), "");
+  EXPECT_EQ(Value(QDLgetmethod("net0", "restartfunc")), "downcmd[10][x],upcmd[20][?]");
+  for (NameValue *none : {QDLgetattr("nosuch", "desc"), QDLgetattr("disk0", "nosuch"), QDLgetmethod("disk0", "desc")})
+    EXPECT_EQ(none, nullptr);
+  KeywordList *attrs = QDLgetattrs("floppy0"), *methods = QDLgetmethods("floppy0");
+  EXPECT_EQ(ToMap(attrs), (Map{{"cdevice", "/dev/rdsk/f0"}, {"bdevice", "/dev/dsk/f0"}, {"pathname", ""},
+                               {"class", "floppy"}, {"type", "3.5in"}, {"desc", "Floppy drive"},
+                               {"density", "720k,1.44m"}}));
+  EXPECT_EQ(ToMap(methods), (Map{{"formatcmd", "fdformat /dev/rdsk/f0"}}));
+  DestroyKeywordList(attrs);
+  DestroyKeywordList(methods);
+  EXPECT_EQ(QDLgetattrs("nosuch"), nullptr);
+  TraceCapture trace(box, 8);
+  ObjectRecord *o = QDgetobj("tape1");
+  ASSERT_NE(o, nullptr);
+  EXPECT_STREQ(o->alias, "tape1");
+  EXPECT_EQ(NumberOfKeywords(o->attributes) * 10 + NumberOfKeywords(o->methods), 83);
+  EXPECT_TRUE(trace.Has("QDgetobj: Object alias       = tape1"));
+  QDfreeobj(o);
+  o = QDLgetobj("console");  // without methods: an empty method list
+  ASSERT_TRUE(o != nullptr && o->methods != nullptr);
+  EXPECT_EQ(NumberOfKeywords(o->methods), 0);
+  // A whole tree of contained objects is freed (the sanitizer build checks).
+  auto *node = static_cast<ContainedNode *>(malloc(sizeof(ContainedNode)));
+  *node = {QDLgetobj("disk0"), nullptr};
+  o->contained = node;
+  QDfreeobj(o);
+  EXPECT_EQ(QDgetobj("nosuch"), nullptr);
+  EXPECT_EQ(QDputobj("x", nullptr), 12);
   setenv("TAV_DEVTAB", box.Path("missing.tab").c_str(), 1);
   EXPECT_EQ(QDLgetattr("disk0", "desc"), nullptr);
 }
 
-TEST(QDLgetattr, RefusesMethodNamesWithoutRunningACommand) {
+// What unitprop prints becomes values: the last line, records at their
+// limits, and "unitprop -v" lines, the refused ones reported.
+TEST(Queries, OutputLinesBecomeValues) {
   Sandbox box;
-  FakeUnitprop fake(box, "value\n");
-  EXPECT_EQ(QDLgetattr("disk0", "formatcmd"), nullptr);
+  std::string log = FakeUnitprop(box, "first\nsecond\nthird\n");
+  EXPECT_EQ(QDLgetattr("disk0", "formatcmd"), nullptr);  // method names never run a command
   EXPECT_EQ(QDLgetattr("disk0", "statfunc"), nullptr);
-  EXPECT_EQ(QDLgetmethod("disk0", "desc"), nullptr);
-  EXPECT_EQ(fake.Calls(), "");
-  NameValue *nv = QDLgetmethod("disk0", "formatcmd");
-  ASSERT_NE(nv, nullptr);
-  EXPECT_EQ(fake.Calls(), "<disk0><formatcmd>\n");
-  free(nv);
-}
-
-TEST(QDLgetmethod, ReadsAMethodValue) {
-  Sandbox box;
-  NameValue *nv = QDLgetmethod("net0", "restartfunc");
-  ASSERT_NE(nv, nullptr);
-  EXPECT_STREQ(nv->value, "downcmd[10][x],upcmd[20][?]");
-  free(nv);
-}
-
-TEST(QDLgetattr, TheLastOutputLineIsTheValue) {
-  Sandbox box;
-  FakeUnitprop fake(box, "first\nsecond\nthird\n");
-  NameValue *nv = QDLgetattr("x", "desc");
-  ASSERT_NE(nv, nullptr);
-  EXPECT_STREQ(nv->value, "third");
-  free(nv);
-}
-
-TEST(QDLgetattr, NamesAndValuesAtTheRecordLimits) {
-  Sandbox box;
-  FakeUnitprop fake(box, std::string(512, 'v') + "\n");
-  NameValue *nv = QDLgetattr("x", std::string(32, 'n').c_str());
-  ASSERT_NE(nv, nullptr);
-  EXPECT_EQ(std::string(nv->value), std::string(512, 'v'));
-  free(nv);
+  EXPECT_EQ(Value(QDLgetattr("x", "desc")), "third");
+  EXPECT_EQ(Value(QDLgetmethod("disk0", "formatcmd")), "third");
+  EXPECT_EQ(ReadFile(log), "<x><desc>\n<disk0><formatcmd>\n");
+  FakeUnitprop(box, std::string(512, 'v') + "\n");
+  EXPECT_EQ(Value(QDLgetattr("x", std::string(32, 'n').c_str())), std::string(512, 'v'));
   EXPECT_EQ(QDLgetattr("x", std::string(33, 'n').c_str()), nullptr);
-  FakeUnitprop longer(box, std::string(513, 'v') + "\n");
+  FakeUnitprop(box, std::string(513, 'v') + "\n");
   EXPECT_EQ(QDLgetattr("x", "desc"), nullptr);
-}
-
-TEST(QDLgetattrs, SplitsAttributesFromMethodsAndAliasNames) {
-  Sandbox box;
-  KeywordList *attrs = QDLgetattrs("floppy0");
-  KeywordList *methods = QDLgetmethods("floppy0");
-  ASSERT_NE(attrs, nullptr);
-  ASSERT_NE(methods, nullptr);
-  EXPECT_EQ(ToMap(attrs), (std::map<std::string, std::string>{
-                              {"cdevice", "/dev/rdsk/f0"}, {"bdevice", "/dev/dsk/f0"},
-                              {"pathname", ""}, {"class", "floppy"}, {"type", "3.5in"},
-                              {"desc", "Floppy drive"}, {"density", "720k,1.44m"}}));
-  EXPECT_EQ(ToMap(methods),
-            (std::map<std::string, std::string>{{"formatcmd", "fdformat /dev/rdsk/f0"}}));
-  DestroyKeywordList(attrs);
-  DestroyKeywordList(methods);
-  EXPECT_EQ(QDLgetattrs("nosuch"), nullptr);
-  EXPECT_EQ(QDLgetmethods("nosuch"), nullptr);
-}
-
-// How "unitprop -v" lines become pairs, including the lines that are refused.
-TEST(QDLgetattrs, ParsesOutputLines) {
-  Sandbox box;
   std::string n33(33, 'n'), n34(34, 'm');
-  FakeUnitprop fake(box,
-                    "alias='x'\n"
-                    "desc='Disk drive'\n"
-                    "bare=unquoted value\n"
-                    "quoted='it's inside'\n"
-                    "broken=it's\n"
-                    "no equals sign here\n" +
-                        n33 + "='ok'\n" + n34 + "='refused'\n"
-                        "v513='" + std::string(513, 'a') + "'\n"
-                        "v514='" + std::string(514, 'b') + "'\n"
-                        "runcmd='echo hi'\n");
+  FakeUnitprop(box, "alias='x'\ndesc='Disk drive'\nbare=unquoted value\nquoted='it's inside'\nbroken=it's\n"
+                    "no equals sign here\n" + n33 + "='ok'\n" + n34 + "='refused'\nv513='" +
+                        std::string(513, 'a') + "'\nv514='" + std::string(514, 'b') + "'\nruncmd='echo hi'\n");
   TraceCapture trace(box, 3);
   KeywordList *attrs = QDLgetattrs("x");
-  ASSERT_NE(attrs, nullptr);
-  auto m = ToMap(attrs);
-  EXPECT_EQ(m, (std::map<std::string, std::string>{{"desc", "Disk drive"},
-                                                   {"bare", "unquoted value"},
-                                                   {"quoted", "it's inside"},
-                                                   {n33, "ok"},
-                                                   {"v513", std::string(513, 'a')}}));
+  EXPECT_EQ(ToMap(attrs), (Map{{"desc", "Disk drive"}, {"bare", "unquoted value"}, {"quoted", "it's inside"},
+                               {n33, "ok"}, {"v513", std::string(513, 'a')}}));
+  DestroyKeywordList(attrs);
   EXPECT_TRUE(trace.Has("Invalid keyword value;missing end quote:[s]"));
   EXPECT_TRUE(trace.Has("Invalid keyword:too many characters:[" + n34 + "]\n"));
   EXPECT_TRUE(trace.Has("Invalid keyword value;too many characters:[" + std::string(514, 'b')));
-  DestroyKeywordList(attrs);
 }
 
-TEST(Queries, ArgumentsReachUnitpropLiterally) {
+TEST(Queries, ArgumentsReachUnitpropLiterallyUnderTheReadLock) {
   Sandbox box;
   ASSERT_EQ(chdir(box.dir().c_str()), 0);
-  FakeUnitprop fake(box, "v\n");
-  for (const char *alias : {"$(touch pwned)", "`touch pwned`", "a;touch pwned", "it's", "a b"}) {
-    NameValue *nv = QDLgetattr(alias, "desc");
-    ASSERT_NE(nv, nullptr) << alias;
-    free(nv);
-  }
-  EXPECT_EQ(fake.Calls(),
-            "<$(touch pwned)><desc>\n<`touch pwned`><desc>\n<a;touch pwned><desc>\n"
-            "<it's><desc>\n<a b><desc>\n");
+  std::string log = FakeUnitprop(box, "v\n");
+  for (const char *alias : {"$(touch pwned)", "`touch pwned`", "a;touch pwned", "it's"})
+    EXPECT_EQ(Value(QDLgetattr(alias, "desc")), "v") << alias;
+  EXPECT_EQ(ReadFile(log), "<$(touch pwned)><desc>\n<`touch pwned`><desc>\n<a;touch pwned><desc>\n<it's><desc>\n");
   EXPECT_NE(access("pwned", F_OK), 0);
-}
-
-TEST(Queries, OptionLikeAliasesAreRefusedWithAClearError) {
-  Sandbox box;
-  FakeUnitprop fake(box, "v\n");
   TraceCapture trace(box, 3);
-  EXPECT_EQ(QDLgetattr("-v", "desc"), nullptr);
-  EXPECT_EQ(QDLgetattrs("-x"), nullptr);
-  EXPECT_EQ(fake.Calls(), "");
+  EXPECT_EQ(QDLgetattr("-v", "desc"), nullptr);  // would be read as an option
   EXPECT_TRUE(trace.Has("argument would be read as an option")) << trace.Text();
-}
-
-// unitprop runs while the query holds the table's read lock.
-TEST(Queries, HoldTheReadLockWhileUnitpropRuns) {
-  Sandbox box;
-  std::string bin = box.Path("lockbin");
-  mkdir(bin.c_str(), 0755);
-  WriteFile(bin + "/unitprop", "#!/bin/sh\ncut -d: -f4,5 '" + box.Path(".units.tab") + "'\n");
-  chmod((bin + "/unitprop").c_str(), 0755);
-  setenv("PATH", (bin + ":" + getenv("PATH")).c_str(), 1);
-  NameValue *nv = QDLgetattr("disk0", "desc");
-  ASSERT_NE(nv, nullptr);
-  EXPECT_STREQ(nv->value, "LOCK:read");
-  free(nv);
-  KeywordList *attrs = QDLgetattrs("disk0");  // "LOCK:read" has no '=': no pairs
-  ASSERT_NE(attrs, nullptr);
-  DestroyKeywordList(attrs);
+  // unitprop runs while the query holds the table's read lock.
+  testing_support::FakeCommand(box, "unitprop", "cut -d: -f4,5 '" + box.Path(".units.tab") + "'");
+  EXPECT_EQ(Value(QDLgetattr("disk0", "desc")), "LOCK:read");
   EXPECT_NE(access(box.Path(".units.tab").c_str(), F_OK), 0) << "released and removed";
-}
-
-TEST(Queries, AreReachedThroughTheDispatchOfLibPV) {
-  Sandbox box;
-  NameValue *nv = PVQueryattr("tty03", "speed");
-  ASSERT_NE(nv, nullptr);
-  EXPECT_STREQ(nv->value, "115200");
-  free(nv);
-  KeywordList *methods = PVQuerymeths("tty03");
-  ASSERT_NE(methods, nullptr);
-  EXPECT_EQ(NumberOfKeywords(methods), 2);
-  DestroyKeywordList(methods);
-  ObjectRecord *object = PVQueryobjs("tty03");
-  ASSERT_NE(object, nullptr);
-  EXPECT_STREQ(object->alias, "tty03");
-  EXPECT_EQ(NumberOfKeywords(object->methods), 2);
-  QDfreeobj(object);
 }
 
 }  // namespace

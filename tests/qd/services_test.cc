@@ -1,36 +1,31 @@
-// Tracing rules, the reporting allocator and the command runner.
+// Tracing rules, the reporting allocator, the command runner, command lines
+// and the name classes.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <climits>
 #include <string>
 #include <vector>
 
+#include "command.h"
 #include "qd.h"
-#include "sandbox.h"
 #include "trace_capture.h"
 
 using testing_support::Sandbox;
 
 namespace {
 
-TEST(QDtrace, ProducesALineByVerbosityOrExplicitLevel) {
-  struct Case {
-    int verbose, explicit_level, level;
-    bool produced;
-  } cases[] = {
-      {3, 8, 8, true},   {3, 0, 8, false}, {8, -1, 8, true}, {7, -1, 8, false},
-      {0, -1, 0, true},  {2, 5, 5, true},  {2, 5, 4, false}, {5, -1, 3, true},
+TEST(QDtrace, ProducesALineByVerbosityOrExplicitLevelErrorsAtThreeAndUp) {
+  const int cases[][4] = {
+      // verbose, explicit, level, produced
+      {3, 8, 8, 1}, {3, 0, 8, 0}, {8, -1, 8, 1}, {7, -1, 8, 0}, {0, -1, 0, 1}, {2, 5, 5, 1}, {2, 5, 4, 0},
   };
-  for (const Case &c : cases) {
+  for (const auto &c : cases) {
     Sandbox box;
-    TraceCapture trace(box, c.verbose, c.explicit_level);
-    QDtrace(c.level, "QDput", "value %d and %s", 42, "text");
-    EXPECT_EQ(trace.Has("L" + std::to_string(c.level) + " QDput: value 42 and text"), c.produced)
-        << c.verbose << "/" << c.explicit_level << "/" << c.level << ": " << trace.Text();
+    TraceCapture trace(box, c[0], c[1]);
+    QDtrace(c[2], "QDput", "value %d and %s", 42, "text");
+    EXPECT_EQ(trace.Has("L" + std::to_string(c[2]) + " QDput: value 42 and text"), c[3] == 1) << trace.Text();
   }
-}
-
-TEST(QDerror, NeedsVerbosityThreeAndCutsTheModuleAtItsLastDot) {
   Sandbox box;
   TraceCapture quiet(box, 2, 3);
   QDerror("QDgetattr", "hidden\n");
@@ -38,16 +33,9 @@ TEST(QDerror, NeedsVerbosityThreeAndCutsTheModuleAtItsLastDot) {
   TraceCapture loud(box, 3);
   QDerror("QDgetattr.c.old", "shown %d\n", 7);
   EXPECT_TRUE(loud.Has("L3 QDgetattr.c: shown 7\n")) << loud.Text();
-}
-
-TEST(QDmalloc, ReportsExhaustion) {
-  Sandbox box;
-  TraceCapture trace(box, 3);
-  void *p = QDmalloc("QDmod.c", 64);
-  ASSERT_NE(p, nullptr);
-  free(p);
+  free(QDmalloc("QDmod.c", 64));
   EXPECT_EQ(QDmalloc("QDmod.c", SIZE_MAX / 2), nullptr);
-  EXPECT_TRUE(trace.Has("L3 QDservices: QDmod: cannot malloc")) << trace.Text();
+  EXPECT_TRUE(loud.Has("L3 QDservices: QDmod: cannot malloc")) << loud.Text();
 }
 
 int Collect(void *context, char *line) {
@@ -56,6 +44,7 @@ int Collect(void *context, char *line) {
 }
 
 int RunShell(const std::string &text, std::vector<std::string> *lines) {
+  lines->clear();
   std::vector<char> buf(text.begin(), text.end());
   buf.resize(text.size() + 64, '\0');
   return ExecuteCommand(buf.data(), Collect, lines);
@@ -63,53 +52,60 @@ int RunShell(const std::string &text, std::vector<std::string> *lines) {
 
 TEST(ExecuteCommand, HandsOverEachLineAndPassesTheExitStatusOn) {
   Sandbox box;
+  TraceCapture trace(box, 8);
   std::vector<std::string> lines;
   EXPECT_EQ(RunShell("printf 'one\\ntwo\\n'; echo noise >&2", &lines), 0);
   EXPECT_EQ(lines, (std::vector<std::string>{"one", "two"}));
-  lines.clear();
   EXPECT_EQ(RunShell("printf 'last without newline'; exit 3", &lines), 3);
   EXPECT_EQ(lines, (std::vector<std::string>{"last without newline"}));
+  EXPECT_TRUE(trace.Has("ExecuteCommand:      Command exit status = 3") &&
+              trace.Has("ExecuteCommand: Command execution status = 0") &&
+              trace.Has("ExecuteCommand:            Return status = 3"));
   EXPECT_EQ(RunShell("kill -9 $$", &lines), -1);
-  EXPECT_EQ(RunShell("no-such-command-anywhere", &lines), 127);
-}
-
-TEST(ExecuteCommand, SplitsLinesLongerThanItsBuffer) {
-  Sandbox box;
-  std::vector<std::string> lines;
-  EXPECT_EQ(RunShell("printf '%01500d\\n' 0", &lines), 0);
+  EXPECT_EQ(RunShell("printf '%01500d\\n' 0", &lines), 0);  // longer than the buffer
   ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[0].size(), 1023u);
-  EXPECT_EQ(lines[1].size(), 477u);
+  EXPECT_EQ(lines[0].size() + 1000 * lines[1].size(), 1023u + 477000u);
 }
 
-TEST(ExecuteCommand, TracesItsStatuses) {
+// Whatever an argument holds, the shell hands it to the command literally.
+TEST(CommandLine, EveryWordReachesTheCommandLiterallyOrIsRefused) {
   Sandbox box;
-  TraceCapture trace(box, 8);
-  std::vector<std::string> lines;
-  RunShell("exit 4", &lines);
-  EXPECT_TRUE(trace.Has("ExecuteCommand:      Command exit status = 4")) << trace.Text();
-  EXPECT_TRUE(trace.Has("ExecuteCommand: Command execution status = 0"));
-  EXPECT_TRUE(trace.Has("ExecuteCommand:            Return status = 4"));
+  ASSERT_EQ(chdir(box.dir().c_str()), 0);
+  for (std::string w : {"disk0", "two words", "$(touch pwned)", "`touch pwned`", "a;touch pwned", "it's",
+                        "\"quoted\"", "back\\slash", "new\nline", "*", "a>pwned", "$HOME", "", "{a,b}"}) {
+    qd::CommandLine line(4096);
+    line.Raw("printf '[%s]' ").Word(w);
+    char buf[4096];
+    ASSERT_TRUE(line.CopyTo(buf)) << w;
+    std::vector<std::string> out;
+    EXPECT_EQ(ExecuteCommand(buf, Collect, &out), 0) << line.text();
+    std::string joined;
+    for (const std::string &l : out) joined += (joined.empty() ? "" : "\n") + l;
+    EXPECT_EQ(joined, "[" + w + "]") << line.text();
+  }
+  EXPECT_NE(access("pwned", F_OK), 0) << "an argument was run by the shell";
+  qd::CommandLine plain(64);
+  EXPECT_EQ(plain.Raw("unitprop ").Word("disk0").text(), "unitprop disk0");
+  char buf[64];
+  qd::CommandLine option(sizeof buf);
+  EXPECT_FALSE(option.Raw("unitprop ").Word("-v").CopyTo(buf));
+  EXPECT_STREQ(option.error(), "argument would be read as an option");
+  qd::CommandLine exact(sizeof buf), over(sizeof buf);
+  EXPECT_TRUE(exact.Word(std::string(sizeof buf - qd::kRedirectRoom - 1, 'x')).CopyTo(buf));
+  EXPECT_FALSE(over.Word(std::string(sizeof buf - qd::kRedirectRoom, 'x')).CopyTo(buf));
 }
 
-TEST(QDFreeAliasList, FreesEveryNodeAndTracesANullListOnce) {
+TEST(ListHelpers, FreeDisplayAndNameClasses) {
   Sandbox box;
   TraceCapture trace(box, 8);
   QDFreeAliasList(nullptr);
-  EXPECT_TRUE(trace.Has("List address = 0"));
-  EXPECT_FALSE(trace.Has("Free list block"));
+  EXPECT_TRUE(trace.Has("List address = 0") && !trace.Has("Free list block"));
   auto *second = static_cast<AliasList *>(malloc(sizeof(AliasList)));
   *second = {strdup("b"), nullptr};
   auto *first = static_cast<AliasList *>(malloc(sizeof(AliasList)));
   *first = {strdup("a"), second};
   QDFreeAliasList(first);  // the sanitizer build checks that nothing leaks
-  EXPECT_TRUE(trace.Has("Contains string  = a"));
-  EXPECT_TRUE(trace.Has("Contains string  = b"));
-}
-
-TEST(DisplayParameterList, TracesFromTheCursorAtLevelSeven) {
-  Sandbox box;
-  TraceCapture trace(box, 7);
+  EXPECT_TRUE(trace.Has("Contains string  = a") && trace.Has("Contains string  = b"));
   KeywordList *list = CreateKeywordList();
   AddKeywordToList(list, "a", "1");
   AddKeywordToList(list, "b", "two words");
@@ -119,24 +115,15 @@ TEST(DisplayParameterList, TracesFromTheCursorAtLevelSeven) {
   EXPECT_FALSE(trace.Has("a=\"1\""));
   EXPECT_TRUE(trace.Has("L7 QDservices: b=\"two words\"")) << trace.Text();
   DestroyKeywordList(list);
-}
-
-TEST(NameClasses, AreDecidedByTheNameAlone) {
-  struct Case {
-    const char *name;
-    int length, alias, method;
-  } cases[] = {
-      {"alias", 5, 1, 0},          {"alias_status", 12, 1, 0}, {"myalias2", 8, 1, 0},
-      {"formatcmd", 9, 0, 1},      {"statfunc", 8, 0, 1},      {"cmdline", 7, 0, 1},
-      {"desc", 4, 0, 0},           {"formatcmd", 6, 0, 0},     {"aliascmd", 8, 1, 1},
-      {"", 0, 0, 0},
+  const std::tuple<const char *, int, int, int> cases[] = {
+      {"alias_status", 12, 1, 0}, {"myalias2", 8, 1, 0}, {"formatcmd", 9, 0, 1}, {"statfunc", 8, 0, 1},
+      {"desc", 4, 0, 0},          {"formatcmd", 6, 0, 0}, {"aliascmd", 8, 1, 1}, {"", 0, 0, 0},
   };
-  for (const Case &c : cases) {
-    EXPECT_EQ(IsAlias(c.name, c.length), c.alias) << c.name;
-    EXPECT_EQ(IsMethod(c.name, c.length), c.method) << c.name;
+  for (const auto &c : cases) {
+    EXPECT_EQ(IsAlias(std::get<0>(c), std::get<1>(c)), std::get<2>(c)) << std::get<0>(c);
+    EXPECT_EQ(IsMethod(std::get<0>(c), std::get<1>(c)), std::get<3>(c)) << std::get<0>(c);
   }
-  std::string long_name(1000, 'x');
-  long_name += "cmd";
+  std::string long_name = std::string(1000, 'x') + "func";
   EXPECT_EQ(IsMethod(long_name.c_str(), static_cast<int>(long_name.size())), 1);
 }
 
