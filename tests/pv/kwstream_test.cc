@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <random>
 #include <string>
 
 #include "list_util.h"
@@ -42,7 +41,8 @@ Pairs Again(const Pairs &pairs) {
   return back ? All(back.get()) : Pairs{{"(null list)", ""}};
 }
 
-TEST(KeywordStream, AwkwardAndGeneratedListsSurviveTheRoundTrip) {
+// Generated lists are the fuzzer's (fuzz_kwstream).
+TEST(KeywordStream, AwkwardListsSurviveTheRoundTrip) {
   const Pairs awkward = {
       {"plain", "value"}, {"empty", ""},   {"lead", " x"},    {"trail", "x "},  {"tabs", "\tx\t"},
       {"blanks", "   "},  {"eq", "a=b=c"}, {"lquote", "\"x"}, {"quotes", "\"x\""}, {"bs", "a\\b\\"},
@@ -52,25 +52,13 @@ TEST(KeywordStream, AwkwardAndGeneratedListsSurviveTheRoundTrip) {
   };
   for (const auto &p : awkward) EXPECT_EQ(Again({p}), Pairs({p})) << Write(MakeList({p}).get());
   EXPECT_EQ(Again(awkward), awkward);
-  static const char kAlphabet[] = " \t=\"\\\n\r#,:ax0Z\x7f\xe9";
-  std::mt19937 gen(20240611u);
-  auto text = [&gen](size_t max) {
-    std::string s(std::uniform_int_distribution<size_t>(0, max)(gen), ' ');
-    for (char &c : s) c = kAlphabet[std::uniform_int_distribution<size_t>(0, sizeof kAlphabet - 2)(gen)];
-    return s;
-  };
-  for (int round = 0; round < 400; ++round) {
-    Pairs pairs(std::uniform_int_distribution<size_t>(0, 8)(gen));
-    for (auto &p : pairs) p = {text(10), text(14)};
-    ASSERT_EQ(Again(pairs), pairs) << "round " << round;
-  }
 }
 
 TEST(KeywordStream, HandWrittenTextReadsAsMeantBadLinesAreSkippedAndTraced) {
   testing_support::Sandbox box;
   TraceCapture trace(box, 3);
   List l = Read(
-      "# settings\n\n   # indented comment\n"
+      "# YRA_FW=commented out\n\n   # indented comment\n"
       "YRA_FW=local\n"
       "  spaced  =  value with  inner blanks  \n"
       "quoted=\"  kept  \"\n"
@@ -95,7 +83,7 @@ TEST(KeywordStream, HandWrittenTextReadsAsMeantBadLinesAreSkippedAndTraced) {
                                          {"last", "no newline"}}));
   for (const char *line : {"line 9:", "line 10:", "line 11:", "line 12:", "line 13:"})
     EXPECT_TRUE(trace.Has(line)) << line << " not reported in:\n" << trace.Text();
-  EXPECT_FALSE(trace.Has("line 8:") || trace.Has("line 14:")) << trace.Text();
+  EXPECT_FALSE(trace.Has("line 1:") || trace.Has("line 8:") || trace.Has("line 14:")) << trace.Text();
   EXPECT_EQ(NumberOfKeywords(Read("# only a comment\n\n").get()), 0);
   EXPECT_EQ(KeywordStreamToList(nullptr), nullptr);
 }
