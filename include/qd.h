@@ -323,6 +323,59 @@ QD_EXPORT AliasList *AddAliasToList(AliasList *node, AliasList *list);
 /* Frees a comma list from ParseCommaList; NULL is allowed. */
 QD_EXPORT void DestroyCommaList(CommaList list);
 
+/* ---- Search ---- */
+
+#define QD_MATCH_ALL 0   /* every criterion must hold */
+#define QD_MATCH_ANY 1   /* one criterion suffices */
+#define QD_ONE_LEVEL 0   /* the only group type served */
+#define QD_MANY_LEVELS 1 /* refused */
+
+/* The criteria of a search: attribute=value entries that must hold
+ * (Klist) and that must not (Not_Klist). An entry without a value asks for
+ * an empty value. The lists belong to the criteria once attached. */
+typedef struct CriteriaGroup {
+  short GroupType;        /* QD_ONE_LEVEL */
+  KeywordList *Klist;     /* owned, or NULL */
+  KeywordList *Not_Klist; /* owned, or NULL */
+} CriteriaGroup;
+
+typedef struct SearchCriteria_t {
+  short search_type;    /* QD_MATCH_ALL or QD_MATCH_ANY */
+  CriteriaGroup *group; /* owned */
+} SearchCriteria_t;
+
+/* The objects a search found, newest match first. Each object's alias is a
+ * buffer of at least 513 bytes; a list that received nothing stays NULL.
+ * Freed with DestroyObjectList. */
+typedef struct ObjectList {
+  ObjectRecord *Object;    /* owned */
+  struct ObjectList *next; /* NULL at the end */
+} ObjectList;
+
+/* A criteria record with no lists; NULL for QD_MANY_LEVELS or no memory.
+ * DestroySearchCriteria frees it with its lists. */
+QD_EXPORT SearchCriteria_t *CreateSearchCriteria(short search_type, short group_type);
+/* Attach the list that must hold, or must not: 0, or -1 (reported). */
+QD_EXPORT int AddKeyListToSearch(SearchCriteria_t *criteria, KeywordList *list);
+QD_EXPORT int AddNotKeyListToSearch(SearchCriteria_t *criteria, KeywordList *list);
+QD_EXPORT void DestroySearchCriteria(SearchCriteria_t *criteria);
+/* The objects that meet the criteria, with the attributes and methods the
+ * filter names (",,," or NULL: all of them); NULL for none or an error.
+ * Stale objects are left out unless qd_stale is set. */
+QD_EXPORT ObjectList *QDsearchaliases(SearchCriteria_t *criteria, const char *filter);
+QD_EXPORT int DestroyObjectList(ObjectList *list);
+/* How many criteria one attribute meets: a count, or -1 (rejected). */
+QD_EXPORT int MeetSearchCriteria(const char *name, const char *value, short search_type, KeywordList *klist,
+                                 KeywordList *not_list);
+/* Appends name=value to the methods or the attributes (by its name),
+ * making the list when it is NULL: 0 or -1. */
+QD_EXPORT int AddFilterItem(const char *name, const char *value, KeywordList **methods,
+                            KeywordList **attributes);
+/* A new head holding an object of the alias and both lists (taken over); NULL
+ * on failure, the lists then staying the caller's. */
+QD_EXPORT ObjectList *AddObjectToList(const char *alias, KeywordList *attributes, KeywordList *methods,
+                                      ObjectList *head);
+
 /* ---- Time stamps ---- */
 
 /* A stamp is a struct tm; one whose day of month is 0 is unset. Its text
