@@ -345,6 +345,20 @@ QD_EXPORT int QDsettimefmenv(void);
  * is on); returns the current stamp. */
 QD_EXPORT struct tm QDtouch(const char *alias);
 
+/* Object status. */
+#define OBJ_STALE 0  /* its ObjTimestamp is older than the current stamp */
+#define OBJ_ACTIVE 1
+
+/* OBJ_ACTIVE or OBJ_STALE: by the cache's status while the cache is on,
+ * else by the object's ObjTimestamp (none: active). Timestamping off: active. */
+QD_EXPORT int QDobjectstatus(ObjectRecord *object);
+/* The status of an alias (answered by the cache while it is on; with the
+ * cache off and timestamping on, active); -1 when out of memory. */
+QD_EXPORT int QDaliasstatus(const char *alias);
+/* Sets QDexpirationdate to the current stamp less QD_EXPIRATION days (7
+ * when unset), February always of 28 days: 0, or 255 with timestamping off. */
+QD_EXPORT int QDset_expiration_date(void);
+
 /* ---- Writing ---- */
 
 /* Writes the pairs into the entry (created when absent): 0, or the
