@@ -211,6 +211,20 @@ QD_EXPORT int CachedReferenceNextAttribute(char **alias, char **name, char **val
 QD_EXPORT int QDcache_flush(void);
 QD_EXPORT void QDcache_free(void);
 
+/* Archive modes of QDcache_archive and QDArchive. */
+#define QD_ARCH_ALL 1  /* every cached object; the list must be empty (or NULL) */
+#define QD_ARCH_LIST 2 /* the aliases of a non-empty list */
+
+/* Archives stale objects and drops them from the cache (expired ones are
+ * dropped without a copy): 0; 245 up to date or unstamped; 254 arguments
+ * that do not fit the mode, or an alias not cached; 255 timestamping off,
+ * a stamp later than the current one, or a copy that could not be written.
+ * In QD_ARCH_ALL mode *list receives the aliases that stay (QDFreeAliasList). */
+QD_EXPORT int QDcache_archive(int mode, AliasList **list);
+QD_EXPORT int QDcache_archive_obj(oce *entry);
+QD_EXPORT int QDcache_archive_list(AliasList **list);
+QD_EXPORT int QDcache_archive_all(AliasList **list);
+
 /* ---- Archive ---- */
 
 QD_EXPORT extern char QDarchivedir[513];  /* this process's run directory */
@@ -220,8 +234,19 @@ QD_EXPORT extern char QDarchivepath[513]; /* the object file last written */
 QD_EXPORT char *QD_build_archive_dir(void);
 /* Writes the object's archive copy: 0, or 255. */
 QD_EXPORT int QD_archive_object(ObjectRecord *object);
-/* Makes the directory and any missing parents: 0 or -1. */
+/* Makes the directory and any missing parents: 0 or -1 (errno set). */
 QD_EXPORT int mkdirp(const char *path, mode_t mode);
+/* Archives stale objects under the table locks, loading and flushing the
+ * cache when it was off; modes and list as for QDcache_archive. 254 for a
+ * list that does not fit the mode, 255 for lock, cache or flush failures,
+ * otherwise the result of QDcache_archive. */
+QD_EXPORT int QDArchive(int mode, AliasList **list);
+/* Removes the run directories older than the expiration date. Its result
+ * carries no status. */
+QD_EXPORT int QD_cleanup_archive_dir(void);
+/* Unlinks every file in the directory (symbolic links themselves, never
+ * what they point at): 0, or -1 when it cannot be opened as a directory. */
+QD_EXPORT int QD_rmfiles(const char *dir);
 
 /* The report tree: unique keywords in sorted order. */
 typedef struct report_node {
