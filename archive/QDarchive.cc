@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "archive_dir.h"
 #include "qd.h"
@@ -36,18 +37,34 @@ const char *Reason(int err) {
   return err == ELOOP ? "a symbolic link stands there; not written through" : strerror(err);
 }
 
-// Closes a descriptor when it goes out of scope.
-struct Fd {
-  int fd;
-  ~Fd() {
+// The run directory, held open between copies: a run writes thousands of
+// them. A directory built afresh is opened afresh; one held open is still
+// ours even if its name is taken over meanwhile.
+struct RunDirectory {
+  std::string path;
+  int fd = -1;
+  void Forget() {
     if (fd >= 0) close(fd);
+    fd = -1;
+    path.clear();
+  }
+  int Open(const char *dir) {
+    if (fd >= 0 && path == dir) return fd;
+    Forget();
+    fd = open(dir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd >= 0) path = dir;
+    return fd;
   }
 };
+RunDirectory run_directory;
 
 // The object file, empty and ready for writing, or -1 with errno set.
 int OpenObjectFile(int dir, const char *alias) {
+  // The usual case: a name new in this run, so a file of our own.
+  int fd = openat(dir, alias, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+  if (fd >= 0 || errno != EEXIST) return fd;
   // O_NONBLOCK: a FIFO planted under the name must not hang the run.
-  int fd = openat(dir, alias, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0666);
+  fd = openat(dir, alias, O_WRONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) return -1;
   struct stat st;
   int err = 0;
@@ -55,7 +72,7 @@ int OpenObjectFile(int dir, const char *alias) {
     err = errno;
   else if (!S_ISREG(st.st_mode) || st.st_nlink != 1)
     err = EPERM;  // a device, or a hard link to some other file
-  else if (ftruncate(fd, 0) != 0)
+  else if (st.st_size != 0 && ftruncate(fd, 0) != 0)  // ext4 syncs a file cut to 0 on close
     err = errno;
   if (err != 0) {
     close(fd);
@@ -65,23 +82,38 @@ int OpenObjectFile(int dir, const char *alias) {
   return fd;
 }
 
-bool WriteObject(int fd, ObjectRecord *object) {
-  FILE *out = fdopen(fd, "w");
+ssize_t Append(void *text, const char *buf, size_t size) {
+  static_cast<std::string *>(text)->append(buf, size);
+  return static_cast<ssize_t>(size);
+}
+
+// The file's content, built in memory so that it reaches the file in one
+// write: "alias=" line, attributes, methods. One stream serves every copy
+// of the process (a run makes thousands).
+const std::string *FormatObject(ObjectRecord *object) {
+  // Never destroyed: stdio may still touch its stream at exit.
+  static std::string &text = *new std::string;
+  static FILE *out = nullptr;
   if (out == nullptr) {
-    close(fd);
-    return false;
+    cookie_io_functions_t io = {nullptr, Append, nullptr, nullptr};
+    if ((out = fopencookie(&text, "w", io)) == nullptr) return nullptr;
   }
+  text.clear();
+  clearerr(out);
   fprintf(out, "%s=%s\n", "alias", object->alias);
   if (object->attributes != nullptr) KeywordListToStream(out, object->attributes);
   if (object->methods != nullptr) KeywordListToStream(out, object->methods);
-  bool ok = fflush(out) == 0 && ferror(out) == 0;
-  int err = errno;
-  if (fclose(out) != 0 && ok) {
-    ok = false;
-    err = errno;
+  return fflush(out) == 0 && ferror(out) == 0 ? &text : nullptr;
+}
+
+bool WriteAll(int fd, const std::string &text) {
+  for (size_t done = 0; done < text.size();) {
+    ssize_t n = write(fd, text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += static_cast<size_t>(n);
   }
-  errno = err;
-  return ok;
+  return true;
 }
 
 }  // namespace
@@ -99,6 +131,7 @@ char *QD_build_archive_dir(void) {
     QDarchivedir[0] = '\0';
     return nullptr;
   }
+  run_directory.Forget();
   // The copies that cannot be written say so; this says why.
   if (mkdirp(QDarchivedir, 0775) != 0)
     QDtrace(3, kModule, "Cannot make archive directory '%s': %s", QDarchivedir, strerror(errno));
@@ -122,13 +155,13 @@ int QD_archive_object(ObjectRecord *object) {
     QDtrace(7, kModule, "Cannot open archive path for %s", alias);
     return 255;
   }
-  Fd run{open(dir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)};
-  if (run.fd < 0) {
+  int run = run_directory.Open(dir);
+  if (run < 0) {
     QDtrace(3, kModule, "Cannot open run directory '%s': %s", dir, Reason(errno));
     QDtrace(7, kModule, "Cannot open archive path for %s", alias);
     return 255;
   }
-  int fd = OpenObjectFile(run.fd, alias);
+  int fd = OpenObjectFile(run, alias);
   if (fd < 0) {
     QDtrace(3, kModule, "Cannot open archive file '%s': %s", QDarchivepath,
             errno == EPERM ? "not a regular file of its own; not written through" : Reason(errno));
@@ -136,9 +169,17 @@ int QD_archive_object(ObjectRecord *object) {
     return 255;
   }
   QDtrace(7, kModule, "Archiving %s", alias);
-  if (!WriteObject(fd, object)) {
+  const std::string *text = FormatObject(object);
+  bool written = text != nullptr && WriteAll(fd, *text);
+  int err = errno;
+  if (close(fd) != 0 && written) {
+    written = false;
+    err = errno;
+  }
+  if (!written) {
+    errno = err;
     QDtrace(3, kModule, "Cannot write archive file '%s': %s", QDarchivepath, strerror(errno));
-    unlinkat(run.fd, alias, 0);  // a cut copy would pass for the object
+    unlinkat(run, alias, 0);  // a cut copy would pass for the object
     return 255;
   }
   return 0;

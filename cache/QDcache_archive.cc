@@ -14,6 +14,11 @@ namespace {
 
 unsigned long Shown(const void *p) { return reinterpret_cast<unsigned long>(p); }
 
+// Whether level-8 lines are shown. A walk over the whole cache must not
+// fetch every object (a cache miss each) only to pass its alias to a trace
+// line that is not shown.
+bool Tracing() { return vcel_verbose_level >= 8 || vcel_explicit_level == 8; }
+
 // Drops the entry after its alias's fate is decided. An entry whose alias
 // was cached before it is on no hash chain: removing "its" alias would
 // remove the other entry, so it goes by itself.
@@ -26,7 +31,8 @@ void Drop(oce *entry, const std::string &alias) {
   QDcache_hook_QDdelete(alias.c_str());
 }
 
-int ArchiveStale(oce *entry, const std::string &alias) {
+int ArchiveStale(oce *entry) {
+  const std::string alias = entry->objptr->alias;  // the entry may go
   if (QDexpirationdate.tm_mday != 0) {
     if (QDcomparestamps(entry->accesstime, QDexpirationdate) < 0) {
       QDtrace(8, kModule, "Past expiration date, do not archive object");
@@ -43,21 +49,22 @@ int ArchiveStale(oce *entry, const std::string &alias) {
   return 0;
 }
 
-int Decide(oce *entry, const std::string &alias) {
+int Decide(oce *entry) {
   if (entry->accesstime.tm_mday == 0) {
-    QDtrace(8, kModule, "Alias '%s' has no active accesstime, assumed up-to-date", alias.c_str());
+    if (Tracing())
+      QDtrace(8, kModule, "Alias '%s' has no active accesstime, assumed up-to-date", entry->objptr->alias);
     return 245;
   }
   int cmp = QDcomparestamps(entry->accesstime, QDtimestamp);
   if (cmp == 0) {
-    QDtrace(8, kModule, "Alias '%s' is up-to-date", alias.c_str());
+    if (Tracing()) QDtrace(8, kModule, "Alias '%s' is up-to-date", entry->objptr->alias);
     return 245;
   }
   if (cmp > 0) {
-    QDtrace(8, kModule, "Alias '%s' accesstime corrupted", alias.c_str());
+    QDtrace(8, kModule, "Alias '%s' accesstime corrupted", entry->objptr->alias);
     return 255;
   }
-  return ArchiveStale(entry, alias);
+  return ArchiveStale(entry);
 }
 
 }  // namespace
@@ -66,13 +73,12 @@ extern "C" {
 
 int QDcache_archive_obj(oce *entry) {
   Count(qdcache::kArchiveObj);
-  const std::string alias = entry->objptr->alias;  // the entry may go
-  QDtrace(8, kModule, "QDcache_archive_obj( %s )", alias.c_str());
-  if (vcel_verbose_level >= 8 || vcel_explicit_level == 8) {  // asctime only when shown
+  if (Tracing()) {
+    QDtrace(8, kModule, "QDcache_archive_obj( %s )", entry->objptr->alias);
     char when[64];
     QDtrace(8, kModule, "Object timestamp:          %s", qdtime::AscTime(entry->accesstime, when));
   }
-  int result = Decide(entry, alias);
+  int result = Decide(entry);
   QDtrace(8, kModule, "QDcache_archive_obj() return ( %d )", result);
   return result;
 }
@@ -104,12 +110,11 @@ int QDcache_archive_all(AliasList **list) {
   int result = 0;
   for (oce *e = qdcache_ocp->next; e != qdcache_ocp;) {
     oce *next = e->next;
-    std::string alias = e->objptr->alias;
-    QDtrace(8, kModule, "Check alias '%s' for archival", alias.c_str());
+    if (Tracing()) QDtrace(8, kModule, "Check alias '%s' for archival", e->objptr->alias);
     int rc = QDcache_archive_obj(e);
-    if (rc != 0) {
-      QDtrace(8, kModule, "Alias '%s' archival failed", alias.c_str());
-      if (list != nullptr) AddAnAliasToList(&kept, &alias[0]);
+    if (rc != 0) {  // and so the entry is still there
+      QDtrace(8, kModule, "Alias '%s' archival failed", e->objptr->alias);
+      if (list != nullptr) AddAnAliasToList(&kept, e->objptr->alias);
       result = rc;
     }
     e = next;
