@@ -70,7 +70,7 @@ class Search {
   void CloseAlias();
   bool Stale(const char *alias);
   bool Take(const char *name, const char *value);
-  bool Add(const char *trace);
+  bool Add(bool by_remainder);
   void DropPending() {
     DestroyKeywordList(pending_attributes_), DestroyKeywordList(pending_methods_);
     pending_attributes_ = pending_methods_ = nullptr;
@@ -116,7 +116,7 @@ void Search::CloseAlias() {
   if (!seen_ || !candidate_ || added_ || not_list_ == nullptr) return;
   QDtrace(8, kModule, "checking remainder NOT list for alias=%s", alias_.c_str());
   matched_ += NumberOfKeywords(not_list_);
-  if (matched_ >= total_) Add("Matched alias = %s with NOT criteria");
+  if (matched_ >= total_) Add(true);
 }
 
 // A status word's lowest bit tells an active alias. The status of an alias
@@ -130,8 +130,8 @@ bool Search::Stale(const char *alias) {
   return (status_ & 1) == 0;
 }
 
-bool Search::Add(const char *trace) {
-  QDtrace(8, kModule, trace, alias_.c_str());
+bool Search::Add(bool by_remainder) {
+  QDtrace(8, kModule, by_remainder ? "Matched alias = %s with NOT criteria" : "Matched alias = %s", alias_.c_str());
   ObjectList *head = AddObjectToList(alias_.c_str(), pending_attributes_, pending_methods_, head_);
   if (head == nullptr) return false;
   head_ = head;
@@ -190,7 +190,7 @@ bool Search::Run() {
     }
     bool kept = Take(name, value);
     if (kept) QDtrace(8, kModule, "CriteriaMatchedByAlias=%d,TotalCriteriaItems=%d", matched_, total_);
-    if (!kept || (candidate_ && matched_ == total_ && !Add("Matched alias = %s"))) {
+    if (!kept || (candidate_ && matched_ == total_ && !Add(false))) {
       // The walk ends here; the cache's cursor is taken to its end, so that
       // the next walk starts at the first object.
       while (qdcache_on != 0 && CachedReferenceNextAttribute(&alias, &name, &value) != KWL_END) {

@@ -46,7 +46,10 @@ extern "C" int mkdirp(const char *path, mode_t mode) {
   if (mkdir(p.c_str(), mode) == 0) return 0;
   if (errno == EEXIST) {
     struct stat st;
-    return stat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode) ? 0 : -1;
+    if (stat(p.c_str(), &st) != 0) return -1;
+    if (S_ISDIR(st.st_mode)) return 0;
+    errno = ENOTDIR;  // callers report why: "File exists" would mislead
+    return -1;
   }
   if (errno != ENOENT) return -1;
   // Make the missing ancestors outermost first, then this one.

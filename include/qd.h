@@ -212,6 +212,20 @@ QD_EXPORT int CachedReferenceNextAttribute(char **alias, char **name, char **val
 QD_EXPORT int QDcache_flush(void);
 QD_EXPORT void QDcache_free(void);
 
+/* Archive modes of QDcache_archive and QDArchive. */
+#define QD_ARCH_ALL 1  /* every cached object; the list must be empty (or NULL) */
+#define QD_ARCH_LIST 2 /* the aliases of a non-empty list */
+
+/* Archives stale objects and drops them from the cache (expired ones are
+ * dropped without a copy): 0; 245 up to date or unstamped; 254 arguments
+ * that do not fit the mode, or an alias not cached; 255 timestamping off,
+ * a stamp later than the current one, or a copy that could not be written.
+ * In QD_ARCH_ALL mode *list receives the aliases that stay (QDFreeAliasList). */
+QD_EXPORT int QDcache_archive(int mode, AliasList **list);
+QD_EXPORT int QDcache_archive_obj(oce *entry);
+QD_EXPORT int QDcache_archive_list(AliasList **list);
+QD_EXPORT int QDcache_archive_all(AliasList **list);
+
 /* ---- Archive ---- */
 
 QD_EXPORT extern char QDarchivedir[513];  /* this process's run directory */
@@ -221,8 +235,19 @@ QD_EXPORT extern char QDarchivepath[513]; /* the object file last written */
 QD_EXPORT char *QD_build_archive_dir(void);
 /* Writes the object's archive copy: 0, or 255. */
 QD_EXPORT int QD_archive_object(ObjectRecord *object);
-/* Makes the directory and any missing parents: 0 or -1. */
+/* Makes the directory and any missing parents: 0 or -1 (errno set). */
 QD_EXPORT int mkdirp(const char *path, mode_t mode);
+/* Archives stale objects under the table locks, loading and flushing the
+ * cache when it was off; modes and list as for QDcache_archive. 254 for a
+ * list that does not fit the mode, 255 for lock, cache or flush failures,
+ * otherwise the result of QDcache_archive. */
+QD_EXPORT int QDArchive(int mode, AliasList **list);
+/* Removes the run directories older than the expiration date. Its result
+ * carries no status. */
+QD_EXPORT int QD_cleanup_archive_dir(void);
+/* Unlinks every file in the directory (symbolic links themselves, never
+ * what they point at): 0, or -1 when it cannot be opened as a directory. */
+QD_EXPORT int QD_rmfiles(const char *dir);
 
 /* The report tree: unique keywords in sorted order. */
 typedef struct report_node {
@@ -413,6 +438,20 @@ QD_EXPORT int QDsettimefmenv(void);
 /* Writes the current stamp to the entry as ObjTimestamp (when timestamping
  * is on); returns the current stamp. */
 QD_EXPORT struct tm QDtouch(const char *alias);
+
+/* Object status. */
+#define OBJ_STALE 0  /* its ObjTimestamp is older than the current stamp */
+#define OBJ_ACTIVE 1
+
+/* OBJ_ACTIVE or OBJ_STALE: by the cache's status while the cache is on,
+ * else by the object's ObjTimestamp (none: active). Timestamping off: active. */
+QD_EXPORT int QDobjectstatus(ObjectRecord *object);
+/* The status of an alias (answered by the cache while it is on; with the
+ * cache off and timestamping on, active); -1 when out of memory. */
+QD_EXPORT int QDaliasstatus(const char *alias);
+/* Sets QDexpirationdate to the current stamp less QD_EXPIRATION days (7
+ * when unset), February always of 28 days: 0, or 255 with timestamping off. */
+QD_EXPORT int QDset_expiration_date(void);
 
 /* ---- Writing ---- */
 

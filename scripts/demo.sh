@@ -35,6 +35,19 @@ step unitmod -m tty07 state=enabled speed=57600
 step qdadm delete floppy0
 step qdadm lock write -- cat "$work/.units.tab"
 step qdadm --json cache stats
+# Stale entries. Two lines were last seen on 18 and 2 January 1999 (set
+# with timestamping off, so that the stamps are taken as given); a run
+# stamped 20 January 1999 archives the first and expires the second,
+# last seen more than 7 days before it.
+step qdadm put tty05 ObjTimestamp=0099,00,18,00,00,00,1,017,00
+step qdadm put tty04 ObjTimestamp=0099,00,02,00,00,00,6,001,00
+export QD_TIMESTAMP=0099,00,20,00,00,00,3,019,00
+step qdadm touch tape1
+step qdadm status tape1 tty05 tty04 disk0
+step qdadm expire
+step qdadm archive --all
+step qdadm archive --list
+unset QD_TIMESTAMP
 printf '\n%sThe changed entries, before and after:%s\n' "$bold" "$plain"
 grep -E '^(tty07|floppy0|net3):' "$work/before.tab" | sed 's/^/before: /'
 grep -E '^(tty07|floppy0|net3):' "$work/units.tab" | sed 's/^/after:  /'

@@ -214,6 +214,34 @@ fault qdadm-json-ignored tools/qdadm/qdadm.cc 'if (opt == "--json") {
       json = false;'
 fault qdadm-arity-unchecked tools/qdadm/qdadm.cc 'if (args.size() < c.min_args || (c.max_args != 0 && args.size() > c.max_args)) {' 'if (false) {'
 fault qdadm-put-accepts-bare-name tools/qdadm/qdadm.cc 'if (eq == std::string::npos || eq == 0) {' 'if (eq == 0) {'
+# Object status and expiration
+fault expire-february-29-days time/QDstatus.cc '{0, 28}' '{0, 29}'
+fault expire-weekday-steps-by-count time/QDstatus.cc '(date->tm_wday + 7 - d % 7) % 7' '(date->tm_wday + 7 - n % 7) % 7'
+fault expire-year-not-crossed time/QDstatus.cc 'if (date->tm_mon == 11) {' 'if (date->tm_mon == 0) {'
+fault expire-count-equal-to-day time/QDstatus.cc 'if (n < date->tm_mday) {' 'if (n <= date->tm_mday) {'
+fault expire-month-unchecked time/QDstatus.cc 'QDtimestamp.tm_mon < 0 || QDtimestamp.tm_mon > 11' 'QDtimestamp.tm_mon < 0'
+fault status-stale-direction time/QDstatus.cc 'QDcomparestamps(QDtimestamp, stamp) <= 0' 'QDcomparestamps(QDtimestamp, stamp) >= 0'
+fault status-cache-not-asked time/QDstatus.cc 'if (qdcache_on == 1 && object' 'if (qdcache_on == 2 && object'
+# Archive runs and clean-up
+fault archive-all-takes-a-list archive/QDarchive_run.cc 'mode == QD_ARCH_ALL && !Empty(list)' 'mode == QD_ARCH_ALL && Empty(list)'
+fault archive-flushes-callers-cache archive/QDarchive_run.cc 'if (!loaded_here) {' 'if (false) {'
+fault archive-follows-planted-link archive/QDarchive.cc 'O_WRONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK' 'O_WRONLY | O_CLOEXEC | O_NONBLOCK'
+fault archive-writes-into-hard-link archive/QDarchive.cc '!S_ISREG(st.st_mode) || st.st_nlink != 1' '!S_ISREG(st.st_mode)'
+fault archive-follows-run-directory-link archive/QDarchive.cc 'open(dir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)' 'open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC)'
+fault archive-dotdot-is-a-file-name archive/QDarchive.cc 'strcmp(alias, "..") != 0;' 'true;'
+fault cleanup-name-may-run-on archive/archive_dir.h 'return name[19] == '"'"'\0'"'"';' 'return true;'
+fault cleanup-follows-link archive/QDarchive_cleanup.cc 'openat(archive, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)' 'openat(archive, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC)'
+fault cleanup-removes-the-expiration-day archive/QDarchive_cleanup.cc 'QDcomparestamps(stamp, QDexpirationdate) < 0' 'QDcomparestamps(stamp, QDexpirationdate) <= 0'
+# Cache archiving
+fault cache-archives-the-expired cache/QDcache_archive.cc 'QDcomparestamps(entry->accesstime, QDexpirationdate) < 0' 'QDcomparestamps(entry->accesstime, QDexpirationdate) > 0'
+fault cache-archives-future-stamps cache/QDcache_archive.cc 'if (cmp > 0) {' 'if (cmp > 1) {'
+fault cache-drops-the-other-duplicate cache/QDcache_archive.cc 'if (entry->hnext == entry) {' 'if (false) {'
+fault cache-drops-an-uncopied-object cache/QDcache_archive.cc 'if (rc != 0) return rc;' '(void)rc;'
+fault cache-list-mode-unchecked cache/QDcache_archive.cc 'result = empty ? 254 : QDcache_archive_list(list);' 'result = QDcache_archive_list(list);'
+fault cache-kept-aliases-not-returned cache/QDcache_archive.cc 'if (list != nullptr) AddAnAliasToList' 'if (false) AddAnAliasToList'
+# qdadm
+fault qdadm-status-inverted tools/qdadm/archive_commands.cc 'QDobjectstatus(o) == OBJ_ACTIVE' 'QDobjectstatus(o) == OBJ_STALE'
+fault qdadm-expired-counted-as-archived tools/qdadm/archive_commands.cc 'files.count(alias) != 0 ?' 'files.count(alias) == 0 ?'
 }
 
 faults

@@ -2,6 +2,7 @@
 // statuses, errors for bad arguments, and nothing changed by a failure.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -132,9 +133,33 @@ TEST_F(Qdadm, CacheCommandsWithinOneRun) {
   EXPECT_EQ(Admin({"list"}).out.substr(0, 8), "floppy0\n") << "a direct flush writes in reverse";
 }
 
+TEST_F(Qdadm, StatusExpirationAndArchiveRuns) {
+  box_.WriteTable("fresh:::: ObjTimestamp=\"0099,00,20,00,00,00,3,019,00\"\n"
+                  "stale:::: ObjTimestamp=\"0099,00,18,00,00,00,1,017,00\"\n"
+                  "old:::: ObjTimestamp=\"0099,00,01,00,00,00,5,000,00\"\n");
+  EXPECT_EQ(Admin({"archive", "--all"}).status, 242) << "no stamp, no run";
+  setenv("QD_TIMESTAMP", "0099,00,20,00,00,00,3,019,00", 1);
+  EXPECT_EQ(Admin({"--json", "status", "fresh", "stale"}).out,
+            "[{\"alias\": \"fresh\", \"status\": \"active\", \"stamp\": \"0099,00,20,00,00,00,3,019,00\", "
+            "\"time\": \"1999-01-20 00:00:00\"}, {\"alias\": \"stale\", \"status\": \"stale\", "
+            "\"stamp\": \"0099,00,18,00,00,00,1,017,00\", \"time\": \"1999-01-18 00:00:00\"}]\n");
+  EXPECT_EQ(Admin({"expire"}).out, "stamp=0099,00,20,00,00,00,3,019,00\ndays=7\n"
+                                   "expiration=0099,00,13,00,00,00,3,019,00\ntime=1999-01-13 00:00:00\n");
+  EXPECT_EQ(Admin({"--json", "archive", "--all"}).out,
+            "{\"directory\": \"" + box_.Path("archive/1999:01:20:00:00:00") +
+                "\", \"kept\": \"1\", \"archived\": [\"stale\"], \"expired\": [\"old\"]}\n");
+  ASSERT_EQ(mkdir(box_.Path("archive/1999:01:01:00:00:00").c_str(), 0755), 0);
+  EXPECT_EQ(Admin({"archive", "--list"}).out, "directory=1999:01:01:00:00:00\ntime=1999-01-01 00:00:00\nobjects=0\n\n"
+                                              "directory=1999:01:20:00:00:00\ntime=1999-01-20 00:00:00\nobjects=1\n");
+  EXPECT_EQ(Admin({"archive", "--clean"}).out, "expiration=1999-01-13 00:00:00\nremoved=1999:01:01:00:00:00\n");
+  for (auto bad : std::vector<std::vector<std::string>>{{"archive", "--all", "x"}, {"archive", "--lots"}, {"archive", "--list", "x"}, {"archive", "nosuch"}})
+    EXPECT_EQ(Admin(bad).status, 254) << bad[1];
+  EXPECT_EQ(Admin({"status", "nosuch"}).status, 3);
+}
+
 TEST_F(Qdadm, HelpForEveryCommand) {
   for (const char *c : {"get", "attrs", "methods", "put", "delete", "list", "match", "next", "touch", "stamp",
-                        "lock", "cache"}) {
+                        "lock", "cache", "status", "expire", "archive"}) {
     auto r = Admin({c, "--help"});
     EXPECT_EQ(r.status, 0) << c;
     EXPECT_EQ(r.out.rfind(std::string("usage: qdadm ") + c, 0), 0u) << c;

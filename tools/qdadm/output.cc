@@ -100,4 +100,34 @@ void Output::Aliases(const std::vector<std::string> &aliases) {
   for (const auto &a : aliases) printf("%s\n", a.c_str());
 }
 
+void Output::Records(const std::vector<Pairs> &records) {
+  if (json_) {
+    std::string out = "[";
+    for (size_t i = 0; i < records.size(); ++i) out += (i ? ", " : "") + JsonObject(records[i]);
+    printf("%s]\n", out.c_str());
+    return;
+  }
+  for (size_t i = 0; i < records.size(); ++i) {
+    if (i > 0) putchar('\n');
+    Fields(records[i]);
+  }
+}
+
+void Output::Report(const Pairs &fields, const Lists &lists) {
+  if (!json_) {
+    Fields(fields);
+    for (const auto &l : lists)
+      for (const auto &item : l.second) Line(l.first, item);
+    return;
+  }
+  std::string out = JsonObject(fields);
+  out.pop_back();
+  for (const auto &l : lists) {
+    out += (out.size() > 1 ? ", " : "") + JsonString(l.first) + ": [";
+    for (size_t i = 0; i < l.second.size(); ++i) out += (i ? ", " : "") + JsonString(l.second[i]);
+    out += "]";
+  }
+  printf("%s}\n", out.c_str());
+}
+
 }  // namespace qdadm

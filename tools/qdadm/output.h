@@ -10,6 +10,7 @@ namespace qdadm {
 
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 using Numbers = std::vector<std::pair<std::string, long long>>;
+using Lists = std::vector<std::pair<std::string, std::vector<std::string>>>;
 
 class Output {
  public:
@@ -24,6 +25,12 @@ class Output {
   void Object(const std::string &alias, const Pairs &attributes, const Pairs &methods);
   // A list of aliases, one a line, or a JSON array.
   void Aliases(const std::vector<std::string> &aliases);
+  // Several things of one kind: blocks of NAME=VALUE lines parted by an
+  // empty line, or a JSON array of objects.
+  void Records(const std::vector<Pairs> &records);
+  // Named values, then named lists (one NAME=ITEM line per item), or one
+  // JSON object whose lists are arrays.
+  void Report(const Pairs &fields, const Lists &lists);
 
  private:
   bool json_;

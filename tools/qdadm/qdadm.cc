@@ -16,39 +16,19 @@
 #include <string>
 #include <vector>
 
-#include "output.h"
-#include "qd.h"
+#include "commands.h"
 
 extern char **environ;
 
-namespace {
+namespace qdadm {
 
-using qdadm::Output;
-using qdadm::Pairs;
-using Args = std::vector<std::string>;
-
-constexpr int kBadArguments = 254;  // the library's "invalid argument"
-constexpr int kNoEntry = 3;         // the library's "no such entry"
-
-__attribute__((format(printf, 1, 2))) void Say(const char *format, ...) {
+void Say(const char *format, ...) {
   va_list args;
   va_start(args, format);
   fprintf(stderr, "qdadm: ");
   vfprintf(stderr, format, args);
   fputc('\n', stderr);
   va_end(args);
-}
-
-Pairs ToPairs(KeywordList *list) {
-  Pairs out;
-  if (list == nullptr) return out;
-  list->kwl_cursor = list->kwl_first;
-  char *kw;
-  char *value;
-  int st;
-  while ((st = ReferenceNextKeywordInList(list, &kw, &value)) == KWL_OK || st == KWL_WARN)
-    out.emplace_back(kw, value);
-  return out;
 }
 
 std::vector<std::string> ToVector(AliasList *list) {
@@ -66,6 +46,24 @@ AliasList *ToAliasList(const Args &aliases) {
     head = n;
   }
   return head;
+}
+
+}  // namespace qdadm
+
+namespace {
+
+using namespace qdadm;
+
+Pairs ToPairs(KeywordList *list) {
+  Pairs out;
+  if (list == nullptr) return out;
+  list->kwl_cursor = list->kwl_first;
+  char *kw;
+  char *value;
+  int st;
+  while ((st = ReferenceNextKeywordInList(list, &kw, &value)) == KWL_OK || st == KWL_WARN)
+    out.emplace_back(kw, value);
+  return out;
 }
 
 // NAME=VALUE arguments as a keyword list; nullptr (after saying why) when one is not.
@@ -317,6 +315,10 @@ const Command kCommands[] = {
     {"stamp", 0, 1, "stamp [VALUE]", "Show the process's time stamp, from QD_TIMESTAMP or VALUE.", Stamp},
     {"lock", 1, 0, "lock {read|write|test} [-- COMMAND [ARGS...]]", "Run a command while holding the table lock, or test it.", Lock},
     {"cache", 1, 1, "cache {load|flush|stats}", "Load the whole table into the cache; report it, or write it back.", Cache},
+    {"status", 1, 0, "status ALIAS...", "Print whether entries are active or stale, with their time stamps.", Status},
+    {"expire", 0, 0, "expire", "Print the expiration date in force (the stamp less QD_EXPIRATION days).", Expire},
+    {"archive", 1, 0, "archive {--all|ALIAS...|--list|--clean}",
+     "Archive stale entries, list the run directories, or remove expired ones.", Archive},
 };
 
 void Usage(FILE *to) {

@@ -1,0 +1,30 @@
+// qdadm's commands, for the files that hold them, and the helpers they share.
+#ifndef QDADM_COMMANDS_H
+#define QDADM_COMMANDS_H
+
+#include <string>
+#include <vector>
+
+#include "output.h"
+#include "qd.h"
+
+namespace qdadm {
+
+using Args = std::vector<std::string>;
+
+constexpr int kBadArguments = 254;  // the library's "invalid argument"
+constexpr int kNoEntry = 3;         // the library's "no such entry"
+
+// A message on standard error, after "qdadm: ".
+__attribute__((format(printf, 1, 2))) void Say(const char *format, ...);
+std::vector<std::string> ToVector(AliasList *list);
+AliasList *ToAliasList(const Args &aliases);
+
+// Object status, expiration and the archive.
+int Status(Output &out, const Args &a);
+int Expire(Output &out, const Args &a);
+int Archive(Output &out, const Args &a);
+
+}  // namespace qdadm
+
+#endif
