@@ -10,6 +10,13 @@ namespace qdadm {
 
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 
+// One step of a method list: its operators and what it runs.
+struct Step {
+  std::string pre, post;  // operator characters, in the order they apply
+  std::string kind;       // "command" or "function"
+  std::string value;      // the command line or library.function
+};
+
 class Output {
  public:
   explicit Output(bool json) : json_(json) {}
@@ -21,6 +28,8 @@ class Output {
   void Object(const std::string &alias, const Pairs &attributes, const Pairs &methods);
   // A list of aliases, one a line, or a JSON array.
   void Aliases(const std::vector<std::string> &aliases);
+  // Numbered steps: "N KIND pre=OPS post=OPS VALUE" lines, or a JSON array.
+  void Steps(const std::vector<Step> &steps);
 
  private:
   bool json_;
