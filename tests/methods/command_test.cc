@@ -93,8 +93,10 @@ TEST(Function, ReferencesLoadOnlyLibrariesOfTheMethodDirectory) {
   Sandbox box;
   std::string dir = box.Path("lib");
   mkdir(dir.c_str(), 0755);
+  mkdir((dir + "/sub").c_str(), 0755);
   std::string real = std::string(QD_TEST_METHODS_DIR) + "/devcheck.so";
   ASSERT_EQ(symlink(real.c_str(), (dir + "/devcheck.so").c_str()), 0);
+  ASSERT_EQ(symlink(real.c_str(), (dir + "/sub/devcheck.so").c_str()), 0);
   ASSERT_EQ(symlink(real.c_str(), (dir + "/a.so").c_str()), 0);
   testing_support::WriteFile(dir + "/text.so", "not a library\n");
   testing_support::WriteFile(box.Path("outside.so"), "");
@@ -108,7 +110,7 @@ TEST(Function, ReferencesLoadOnlyLibrariesOfTheMethodDirectory) {
       {"devcheck.echo", {{"path", box.table()}}},
       {"check", {{"errorcode", "1"}}},
       {"../outside.echo", {{"errorcode", "1"}}},
-      {"lib/devcheck.echo", {{"errorcode", "1"}}},
+      {"sub/devcheck.echo", {{"errorcode", "1"}}},
       {"text.echo", {{"errorcode", "1"}}},
       {"missing.echo", {{"errorcode", "1"}}},
       {"devcheck.", {{"errorcode", "2"}}},

@@ -71,6 +71,7 @@ TEST(Execute, OperatorsRouteOutputsAndCodes) {
       {"ignore drops the output after its codes are checked; the next gets the parameters",
        {{P, "k"}, {O, "x?"}, {C, kOk}, {P, "k"}, {C, kShow}}, {{"in_p", "1"}}},
       {"pipe", {{P, "k"}, {O, "?-"}, {C, kOk}, {P, "k"}, {C, kShow}}, {{"in_a", "1"}, {"in_completioncode", "0"}}},
+      {"ignore before pipe: the next gets nothing", {{P, "k"}, {O, "x-"}, {C, kOk}, {P, "k"}, {C, kShow}}, {}},
       {"a skipped method's flags carry over to a mandatory one",
        {{P, "k"}, {O, "?-"}, {C, kFail}, {P, "k"}, {O, "+?"}, {C, kQuiet}, {P, "m"}, {C, kShow}},
        {{"errorcode", "4"}, {"in_errorcode", "4"}}},
