@@ -5,7 +5,7 @@
 # BUILD_DIR/fuzz-artifacts) or a fuzzer is missing.
 set -u
 build=${1:?usage: $0 BUILD_DIR [SECONDS_EACH]}
-seconds=${2:-20}
+seconds=${2:-13}
 here=$(cd "$(dirname "$0")" && pwd)
 artifacts=$build/fuzz-artifacts
 work=$(mktemp -d)
@@ -13,7 +13,7 @@ trap 'rm -rf "$work"' EXIT INT TERM
 mkdir -p "$artifacts"
 
 status=0
-for target in fuzz_table_reader:table fuzz_kwstream:kwstream; do
+for target in fuzz_table_reader:table fuzz_kwstream:kwstream fuzz_meta:meta; do
   name=${target%%:*}
   corpus=${target#*:}
   bin=$build/fuzz/$name

@@ -480,6 +480,127 @@ QD_EXPORT void QDfreeobj(ObjectRecord *object);
  * the combined list cannot be built, else the result of the write. */
 QD_EXPORT int QDputobj(const char *alias, ObjectRecord *object);
 
+
+/* ---- Methods ----
+ *
+ * A method is an entry's pair whose name holds "cmd" or "func". One whose
+ * name ends in "cmd" is a shell command; any other holds a meta-method
+ * value: comma-separated elements name[index][operators], run in ascending
+ * index order (equal indices in written order). An element names another
+ * method of the entry, or a function "library.function" in the library
+ * "library.so" of the method library directory (QDLibDirName). */
+
+/* The keywords of a method list. */
+#define META_PRE_OP "META_PRE_OP"   /* pre-operator characters */
+#define META_POST_OP "META_POST_OP" /* post-operator characters */
+#define META_CMD "META_CMD"         /* a shell command line */
+#define META_FCN "META_FCN"         /* a function reference, library.function */
+
+/* Operator flags. Pre-flags and post-flags share one bit space. */
+#define META_COND 0x01        /* '?' post: check the codes, maybe halt */
+#define META_PIPE 0x02        /* '-' post: the output is the next method's input */
+#define META_ADD 0x04         /* '+' post: the output joins the cumulative list */
+#define META_IGNORE 0x08      /* 'x' post: the output is dropped */
+#define META_UNFORMATTED 0x10 /* 'u' pre: a command's output taken raw */
+#define META_MAND 0x20        /* 'm' pre: runs even after a halt */
+#define META_NOCOND 0x40      /* '!' post: only keeps the default '?' away */
+
+#define META_KIND_PRE 0
+#define META_KIND_POST 1
+
+/* One row of the operator table; the table ends with a row of flag 0. */
+typedef struct meta_oper_t {
+  unsigned char flag; /* META_* bit */
+  char oper;          /* the operator character */
+  unsigned char kind; /* META_KIND_PRE or META_KIND_POST */
+} meta_oper_t;
+QD_EXPORT extern const meta_oper_t meta_oper_tbl[];
+
+#define META_NAME_MAX 35 /* longest element name */
+#define META_OPS_MAX 31  /* longest operator string of one kind */
+
+/* One parsed element. */
+typedef struct meta_method_t {
+  char name[META_NAME_MAX + 1];
+  int indx;                          /* 0 to 99; 50 when not given or not valid */
+  char preops[META_OPS_MAX + 1];
+  char postops[META_OPS_MAX + 1];
+} meta_method_t;
+
+/* The value as META_PRE_OP, META_POST_OP and META_FCN entries in run order,
+ * with the default operators filled in. NULL when the value is NULL, when a
+ * name or an operator string is too long for its field, or when memory runs
+ * out: never a partial list. DestroyKeywordList. */
+QD_EXPORT KeywordList *QDparsemetavalue(const char *value);
+/* The post-operators kept ("?!-+x"), with '?' added when neither '?' nor
+ * '!' is there and '-' when none of "-+x" is. free(); NULL when out of memory. */
+QD_EXPORT char *QDParsePostOps(const char *ops);
+/* qsort comparator of meta_method_t rows: a's index minus b's. */
+QD_EXPORT int QDcmpmetaindx(const void *a, const void *b);
+
+/* Appends the method's expansion to *list (made when *list is NULL):
+ * META_CMD for a command method; for a meta-method its operators, and each
+ * element expanded in place when it is a method of the alias, else as
+ * META_FCN. When the expansion cannot be made whole (a method that refers
+ * to itself, directly or through others; a value that cannot be parsed; a
+ * list too long; no memory) the failure is traced, *list is destroyed
+ * (also when the caller gave it) and set to NULL, so nothing of it runs. */
+QD_EXPORT void QDbuildmethodlist(const char *alias, NameValue **method, KeywordList **list);
+
+/* Result codes of a method run, under the keyword "errorcode". */
+#define QD_METHOD_NOLIBRARY 1   /* no, a bad or an unloadable library */
+#define QD_METHOD_NOFUNCTION 2  /* the function is not in the library */
+#define QD_METHOD_NOTFOUND 3    /* the alias has no such method */
+#define QD_METHOD_BADLIST 255   /* the method cannot be expanded; nothing ran */
+
+/* Runs a method of an alias with the parameters (NULL for none) and returns
+ * its result list: the keywords the methods report, among them errorcode,
+ * completioncode and message. QDperform goes through libPV's dispatch;
+ * QDLperform is the local implementation. NULL when the method gave no
+ * list (a command killed by a signal, an empty meta-method).
+ * DestroyKeywordList. The parameter list stays the caller's. */
+QD_EXPORT KeywordList *QDperform(const char *alias, const char *method, KeywordList *params);
+QD_EXPORT KeywordList *QDLperform(const char *alias, const char *method, KeywordList *params);
+/* Runs one method-list entry: kind META_CMD runs value as a command
+ * (formatted: keyword=value output; else raw), anything else calls the
+ * function value. NULL params are run with an empty list. */
+QD_EXPORT KeywordList *QDperformmethod(const char *alias, const char *kind, const char *value,
+                                       KeywordList *params, int formatted);
+/* Runs a method list (it stays the caller's) with the operators it holds. */
+QD_EXPORT KeywordList *QDexecutemethodlist(const char *alias, KeywordList **methods,
+                                           KeywordList *params);
+/* 1 when the codes in the cumulative list let a run go on, 0 when they halt
+ * it; at trace level 8 a halt appends method and message entries to it. */
+QD_EXPORT int ContinueProcessing(const char *method, KeywordList *cumulative);
+
+#define QD_METHOD_TEXT_MAX 4096 /* a command method's text, redirection included */
+
+/* Runs a command line with the parameters as keyword=value lines on its
+ * standard input. Formatted: its keyword=value output lines as a list; raw:
+ * output, message and errorcode (its exit status). NULL when it cannot
+ * start, ends by a signal, or its text would not fit QD_METHOD_TEXT_MAX
+ * (a parameter name over 32 or value over 512 characters included). */
+QD_EXPORT KeywordList *PerformCommand(const char *command, const char *alias, KeywordList *params,
+                                      int formatted);
+/* The runners of a command text as PerformCommand forms it: the command
+ * line, "    2>/dev/null << 'EOF'", the parameter lines, "'EOF'". The lines
+ * after the first reach the command as data, never as shell code. Status:
+ * the exit status, or -1 (not started, killed, text too long: no list). */
+QD_EXPORT int ExecuteVCELCommand(const char *text, KeywordList **out);
+QD_EXPORT int ExecuteRawCommand(const char *text, KeywordList **out);
+
+/* A function method: called with the alias and the parameter list, which it
+ * must neither destroy nor keep; returns a new list (or NULL), which the
+ * caller owns. */
+typedef KeywordList *(*QDmethodfunc)(const char *alias, KeywordList *params);
+/* Calls reference "library.function" from "<dir>/library.so"; the result
+ * of the function, or a list of errorcode QD_METHOD_NOLIBRARY or
+ * QD_METHOD_NOFUNCTION. A library stays loaded for the life of the process. */
+QD_EXPORT KeywordList *PerformFunction(const char *reference, const char *alias,
+                                       KeywordList *params);
+/* A new list holding only errorcode=code. */
+QD_EXPORT KeywordList *BuildErrorCode(int code);
+
 #ifdef __cplusplus
 }
 #endif

@@ -35,6 +35,18 @@ step unitmod -m tty07 state=enabled speed=57600
 step qdadm delete floppy0
 step qdadm lock write -- cat "$work/.units.tab"
 step qdadm --json cache stats
+# Methods: serial1's command methods print keyword=value lines; checkfunc
+# chains one with a function of the example library devcheck.so.
+export SO_DIR="$build/examples/methods"
+step qdadm methods serial1
+step qdadm plan serial1 checkfunc
+step qdadm perform serial1 checkfunc names=irq,ioaddr
+step qdadm perform serial1 healthfunc
+step qdadm --json perform serial1 reportcmd site=rack2 'note=a line
+EOF
+echo not run'
+step qdadm perform serial1 nosuchfunc || echo "(exit status $?: the method is not there)"
+
 # Stale entries. Two lines were last seen on 18 and 2 January 1999 (set
 # with timestamping off, so that the stamps are taken as given); a run
 # stamped 20 January 1999 archives the first and expires the second,

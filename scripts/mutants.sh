@@ -242,6 +242,36 @@ fault cache-kept-aliases-not-returned cache/QDcache_archive.cc 'if (list != null
 # qdadm
 fault qdadm-status-inverted tools/qdadm/archive_commands.cc 'QDobjectstatus(o) == OBJ_ACTIVE' 'QDobjectstatus(o) == OBJ_STALE'
 fault qdadm-expired-counted-as-archived tools/qdadm/archive_commands.cc 'files.count(alias) != 0 ?' 'files.count(alias) == 0 ?'
+# Methods
+fault meta-equal-indices-reordered methods/QDmeta.cc 'std::stable_sort(rows' 'std::sort(rows'
+fault meta-index-100-accepted methods/QDmeta.cc 'v >= 1 && v <= 99' 'v >= 1 && v <= 100'
+fault meta-single-element-gets-k methods/QDmeta.cc 'row.preops[0] == '"'"'\0'"'"' && n > 1' 'row.preops[0] == '"'"'\0'"'"' && n > 0'
+fault meta-last-element-gets-pipe methods/QDmeta.cc 'n > 1 && i < n - 1' 'n > 1 && i < n'
+fault meta-no-default-check methods/QDmeta.cc 'if (!condition) out.push_back' 'if (false) out.push_back'
+fault meta-long-name-accepted methods/QDmeta.cc 'name.size() > META_NAME_MAX' 'name.size() > META_NAME_MAX + 1'
+fault meta-invalid-ops-no-default-k methods/QDmeta.cc 'strcpy(row->preops, "k");' 'strcpy(row->preops, "");'
+fault build-no-cycle-test methods/QDmethodlist.cc 'if (outer != method->name) continue;' 'continue;'
+fault build-cmd-anywhere methods/methods.h 'first != nullptr && first[3] == '"'"'\0'"'"'' 'first != nullptr'
+fault build-no-size-cap methods/QDmethodlist.cc 'if (NumberOfKeywords(list_) >= kMaxEntries)' 'if (false)'
+fault exec-add-keeps-completioncode methods/QDexecute.cc 'RemoveKeywordFmList(output_, "completioncode");' ';'
+fault exec-ignore-keeps-output methods/QDexecute.cc 'dropping current outputlist");
+    Release(&output_);' 'dropping current outputlist");'
+fault exec-pipe-passes-parameters methods/QDexecute.cc 'input_ = output_;' 'input_ = params_;'
+fault exec-mandatory-ignored methods/QDexecute.cc 'return go_on_ == 1 || (pre_ & META_MAND) != 0;' 'return go_on_ == 1;'
+fault exec-k-keeps-raw methods/QDexecute.cc 'case '"'"'k'"'"': pre_ &= ~static_cast<unsigned>(META_UNFORMATTED); break;' 'case '"'"'k'"'"': break;'
+fault exec-piped-result-lost methods/QDexecute.cc 'if (*designated == nullptr) taken = &input_;' ';'
+fault continue-interrupt-goes-on methods/QDperform.cc '{1, 1, INT_MIN, INT_MAX, {kHaltCompletion}, 0,' '{1, 1, INT_MIN, INT_MAX, {kHaltCompletion}, 1,'
+fault continue-missing-reads-zero methods/QDperform.cc 'if (rc != KWL_OK && rc != KWL_WARN) return -1;' 'if (rc != KWL_OK && rc != KWL_WARN) return 0;'
+fault continue-messages-at-any-level methods/QDperform.cc 'vcel_verbose_level >= 8 &&' 'vcel_verbose_level >= 0 &&'
+fault perform-own-input-given-away methods/QDperform.cc 'if (out != nullptr && out == input) out = DuplicateKeywordList(out);' ';'
+fault command-text-one-byte-over methods/QDcommand.cc 'text.size() + suffix < QD_METHOD_TEXT_MAX' 'text.size() + suffix <= QD_METHOD_TEXT_MAX'
+fault command-long-value-accepted methods/QDcommand.cc 'strlen(value) > kValueMax' 'strlen(value) > kValueMax + 1'
+fault command-text-to-the-shell methods/method_spawn.cc 'size_t at = text.find(kHereDoc);' 'size_t at = std::string::npos;'
+fault command-killed-succeeds methods/QDcommand.cc 'return execution != 0 ? -1 : exit;' 'return exit;'
+fault command-raw-file-kept methods/QDcommand.cc 'unlink(name);' ';'
+fault function-slash-allowed methods/QDfunction.cc ' || library.find('"'"'/'"'"') != std::string::npos' ''
+fault function-split-at-last-dot methods/QDfunction.cc 'std::string library(reference, dot);' 'std::string library(reference, strrchr(reference, '"'"'.'"'"'));'
+fault function-missing-is-no-library methods/QDfunction.cc 'return BuildErrorCode(QD_METHOD_NOFUNCTION);' 'return BuildErrorCode(QD_METHOD_NOLIBRARY);'
 }
 
 faults

@@ -157,9 +157,39 @@ TEST_F(Qdadm, StatusExpirationAndArchiveRuns) {
   EXPECT_EQ(Admin({"status", "nosuch"}).status, 3);
 }
 
+TEST_F(Qdadm, PerformsAndPlansMethods) {
+  setenv("SO_DIR", QD_TEST_METHODS_DIR, 1);
+  ASSERT_EQ(chdir(box_.dir().c_str()), 0);
+  ASSERT_EQ(Admin({"put", "serial1", "touchcmd=touch ran", "diecmd=kill -9 $$", "touchfunc=touchcmd[1][!]"}).status, 0);
+  struct Case {
+    std::vector<std::string> args;
+    int status;
+    std::string out;
+  } cases[] = {
+      {{"perform", "serial1", "checkfunc", "names=irq"}, 0, "ports=4\nenabled=2\nerrorcode=0\ncompletioncode=0\nirq=7\n"},
+      {{"--json", "perform", "serial1", "statuscmd"}, 0, "{\"ports\": \"4\", \"enabled\": \"2\", \"completioncode\": \"0\"}\n"},
+      {{"perform", "serial1", "nofunc"}, 1, "errorcode=3\n"},
+      {{"perform", "serial1", "diecmd"}, 255, ""},
+      {{"perform", "serial1", "checkfunc", "novalue"}, 254, ""},
+      {{"plan", "serial1", "checkfunc"}, 0,
+       "1 command pre=k post=+? echo ports=4; echo enabled=2; echo completioncode=0\n2 function pre=k post=+? devcheck.attrs\n"},
+      {{"--json", "plan", "serial1", "touchfunc"}, 0,
+       "[{\"step\": 1, \"kind\": \"command\", \"pre\": \"\", \"post\": \"!-\", \"value\": \"touch ran\"}]\n"},
+      {{"plan", "serial1", "nofunc"}, 3, ""},
+  };
+  for (const Case &c : cases) {
+    auto r = Admin(c.args);
+    EXPECT_EQ(r.status, c.status) << testing::PrintToString(c.args) << r.err;
+    EXPECT_EQ(r.out, c.out) << testing::PrintToString(c.args);
+  }
+  EXPECT_NE(access("ran", F_OK), 0) << "plan ran a method";
+  EXPECT_EQ(Admin({"perform", "serial1", "touchfunc"}).status, 0);
+  EXPECT_EQ(access("ran", F_OK), 0);
+}
+
 TEST_F(Qdadm, HelpForEveryCommand) {
   for (const char *c : {"get", "attrs", "methods", "put", "delete", "list", "match", "next", "touch", "stamp",
-                        "lock", "cache", "status", "expire", "archive"}) {
+                        "lock", "cache", "status", "expire", "archive", "perform", "plan"}) {
     auto r = Admin({c, "--help"});
     EXPECT_EQ(r.status, 0) << c;
     EXPECT_EQ(r.out.rfind(std::string("usage: qdadm ") + c, 0), 0u) << c;

@@ -37,7 +37,7 @@ std::string JsonObject(const Pairs &pairs) {
 
 // A keyword=value line; a value with a line break in it is written with
 // \n escapes so that one line stays one pair.
-void Line(const std::string &name, const std::string &value) {
+std::string OneLine(const std::string &value) {
   std::string v;
   for (char c : value) {
     if (c == '\n')
@@ -47,7 +47,11 @@ void Line(const std::string &name, const std::string &value) {
     else
       v.push_back(c);
   }
-  printf("%s=%s\n", name.c_str(), v.c_str());
+  return v;
+}
+
+void Line(const std::string &name, const std::string &value) {
+  printf("%s=%s\n", name.c_str(), OneLine(value).c_str());
 }
 
 }  // namespace
@@ -128,6 +132,21 @@ void Output::Report(const Pairs &fields, const Lists &lists) {
     out += "]";
   }
   printf("%s}\n", out.c_str());
+}
+
+void Output::Steps(const std::vector<Step> &steps) {
+  std::string out = "[";
+  for (size_t i = 0; i < steps.size(); ++i) {
+    const Step &s = steps[i];
+    if (json_) {
+      std::string rest = JsonObject({{"kind", s.kind}, {"pre", s.pre}, {"post", s.post}, {"value", s.value}});
+      out += (i ? ", " : "") + ("{\"step\": " + std::to_string(i + 1) + ", ") + rest.substr(1);
+      continue;
+    }
+    printf("%zu %s pre=%s post=%s %s\n", i + 1, s.kind.c_str(), s.pre.c_str(), s.post.c_str(),
+           OneLine(s.value).c_str());
+  }
+  if (json_) printf("%s]\n", out.c_str());
 }
 
 }  // namespace qdadm

@@ -12,6 +12,13 @@ using Pairs = std::vector<std::pair<std::string, std::string>>;
 using Numbers = std::vector<std::pair<std::string, long long>>;
 using Lists = std::vector<std::pair<std::string, std::vector<std::string>>>;
 
+// One step of a method list: its operators and what it runs.
+struct Step {
+  std::string pre, post;  // operator characters, in the order they apply
+  std::string kind;       // "command" or "function"
+  std::string value;      // the command line or library.function
+};
+
 class Output {
  public:
   explicit Output(bool json) : json_(json) {}
@@ -31,6 +38,8 @@ class Output {
   // Named values, then named lists (one NAME=ITEM line per item), or one
   // JSON object whose lists are arrays.
   void Report(const Pairs &fields, const Lists &lists);
+  // Numbered steps: "N KIND pre=OPS post=OPS VALUE" lines, or a JSON array.
+  void Steps(const std::vector<Step> &steps);
 
  private:
   bool json_;

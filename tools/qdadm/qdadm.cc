@@ -294,6 +294,65 @@ int Cache(Output &out, const Args &a) {
   return 0;
 }
 
+// 0 when the result reports no failure: errorcode and completioncode
+// absent or 0.
+int ResultStatus(KeywordList *result) {
+  for (const char *code : {"errorcode", "completioncode"}) {
+    char *value = nullptr;
+    int st = ReferenceKeywordInList(result, code, nullptr, &value);
+    if ((st == KWL_OK || st == KWL_WARN) && atoi(value) != 0) return 1;
+  }
+  return 0;
+}
+
+int Perform(Output &out, const Args &a) {
+  KeywordList *params = ToList(a, 2, a.size());
+  if (params == nullptr) return kBadArguments;
+  KeywordList *result = QDperform(a[0].c_str(), a[1].c_str(), params);
+  DestroyKeywordList(params);
+  if (result == nullptr) {
+    Say("%s gave no result list", std::string(a[0] + " " + a[1]).c_str());
+    return 255;
+  }
+  out.Fields(ToPairs(result));
+  int rc = ResultStatus(result);
+  DestroyKeywordList(result);
+  return rc;
+}
+
+int Plan(Output &out, const Args &a) {
+  NameValue *method = QDgetmethod(a[0].c_str(), a[1].c_str());
+  if (method == nullptr) {
+    Say("no method %s", std::string(a[0] + " " + a[1]).c_str());
+    return kNoEntry;
+  }
+  KeywordList *list = nullptr;
+  QDbuildmethodlist(a[0].c_str(), &method, &list);
+  free(method);
+  if (list == nullptr) {
+    Say("cannot expand %s (run with -v 3 for the reason)", std::string(a[0] + " " + a[1]).c_str());
+    return 255;
+  }
+  // Operators gather until the method they govern.
+  std::vector<qdadm::Step> steps;
+  qdadm::Step next;
+  for (const auto &entry : ToPairs(list)) {
+    if (entry.first == META_PRE_OP) {
+      next.pre += entry.second;
+    } else if (entry.first == META_POST_OP) {
+      next.post += entry.second;
+    } else {
+      next.kind = entry.first == META_CMD ? "command" : "function";
+      next.value = entry.second;
+      steps.push_back(next);
+      next = qdadm::Step();
+    }
+  }
+  DestroyKeywordList(list);
+  out.Steps(steps);
+  return 0;
+}
+
 struct Command {
   const char *name;
   size_t min_args, max_args;  // max 0: any number
@@ -314,6 +373,8 @@ const Command kCommands[] = {
     {"touch", 1, 1, "touch ALIAS", "Write the current time stamp (from QD_TIMESTAMP) to an entry.", Touch},
     {"stamp", 0, 1, "stamp [VALUE]", "Show the process's time stamp, from QD_TIMESTAMP or VALUE.", Stamp},
     {"lock", 1, 0, "lock {read|write|test} [-- COMMAND [ARGS...]]", "Run a command while holding the table lock, or test it.", Lock},
+    {"perform", 2, 0, "perform ALIAS METHOD [NAME=VALUE...]", "Run a method with parameters; print its result list.", Perform},
+    {"plan", 2, 2, "plan ALIAS METHOD", "Print the steps a method would run, in order, with their operators; run none.", Plan},
     {"cache", 1, 1, "cache {load|flush|stats}", "Load the whole table into the cache; report it, or write it back.", Cache},
     {"status", 1, 0, "status ALIAS...", "Print whether entries are active or stale, with their time stamps.", Status},
     {"expire", 0, 0, "expire", "Print the expiration date in force (the stamp less QD_EXPIRATION days).", Expire},

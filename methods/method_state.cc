@@ -1,0 +1,7 @@
+#include "method_state.h"
+
+namespace qdmethods {
+
+std::unordered_map<std::string, Library> libraries;
+
+}  // namespace qdmethods
