@@ -401,6 +401,11 @@ QD_EXPORT int AddFilterItem(const char *name, const char *value, KeywordList **m
 QD_EXPORT ObjectList *AddObjectToList(const char *alias, KeywordList *attributes, KeywordList *methods,
                                       ObjectList *head);
 
+/* ---- Containment ---- */
+
+/* 0 when the alias names an object (looked up whole and freed), else -1. */
+QD_EXPORT int QDcheck(const char *alias);
+
 /* ---- Time stamps ---- */
 
 /* A stamp is a struct tm; one whose day of month is 0 is unset. Its text
