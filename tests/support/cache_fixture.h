@@ -4,9 +4,9 @@
 #define TESTS_SUPPORT_CACHE_FIXTURE_H
 
 #include <gtest/gtest.h>
-#include <dirent.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
@@ -37,18 +37,9 @@ class CacheTest : public testing::Test {
   // Files under the archive directory, as "rundir/alias".
   std::vector<std::string> Archived() const {
     std::vector<std::string> out;
-    std::string root = box_.Path("archive");
-    if (DIR *d = opendir(root.c_str())) {
-      while (dirent *run = readdir(d)) {
-        if (run->d_name[0] == '.') continue;
-        if (DIR *r = opendir((root + "/" + run->d_name).c_str())) {
-          while (dirent *f = readdir(r))
-            if (f->d_name[0] != '.') out.push_back(std::string(run->d_name) + "/" + f->d_name);
-          closedir(r);
-        }
-      }
-      closedir(d);
-    }
+    std::error_code none;
+    for (const auto &e : std::filesystem::recursive_directory_iterator(box_.Path("archive"), none))
+      if (e.is_regular_file() && e.path().filename().string()[0] != '.') out.push_back(e.path().parent_path().filename().string() + "/" + e.path().filename().string());
     return out;
   }
   static KeywordList *List(std::initializer_list<std::pair<const char *, const char *>> pairs) {
