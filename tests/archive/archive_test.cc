@@ -1,8 +1,11 @@
-// Archive runs: what leaves the table, what is copied, what is never written through.
+// Object status and the expiration date, archive runs (what leaves the table, what
+// is copied, what is never written through) and the clean-up of expired runs.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <iterator>
 #include <string>
@@ -11,6 +14,92 @@
 #include "trace_capture.h"
 
 namespace {
+
+class Status : public CacheTest {
+ protected:
+  // The process's stamp, as a run takes it from QD_TIMESTAMP.
+  static void Stamp(const char *value) {
+    setenv("QD_TIMESTAMP", value, 1);
+    QDsettime(QD_TS_ZERO, nullptr);
+    ASSERT_EQ(QDsettime(QD_TS_ENV, nullptr), 0);
+  }
+};
+
+// Date, weekday and time of day: the fields the expiration walk moves.
+std::string Shown(const struct tm &t) {
+  char s[64];
+  snprintf(s, sizeof s, "%04d-%02d-%02d wday %d %02d:%02d:%02d", t.tm_year + 1900, t.tm_mon + 1,
+           t.tm_mday, t.tm_wday, t.tm_hour, t.tm_min, t.tm_sec);
+  return s;
+}
+
+TEST_F(Status, ExpirationDates) {
+  struct Case {
+    const char *now, *days, *expiration;  // days: QD_EXPIRATION, nullptr for unset
+  } cases[] = {
+      {"0099,00,05,12,00,00,2,004,00", nullptr, "1998-12-29 wday 2 12:00:00"},
+      {"0100,02,03,08,30,00,5,062,00", "7", "2000-02-24 wday 5 08:30:00"},  // February of 28 days
+      {"0101,02,07,00,00,00,3,065,00", "7", "2001-02-28 wday 3 00:00:00"},
+      {"0101,02,10,00,00,00,6,068,00", "40", "2001-01-29 wday 1 00:00:00"},
+      {"0099,02,01,00,00,00,1,059,00", "365", "1998-03-01 wday 0 00:00:00"},
+      {"0099,00,05,00,00,00,2,004,00", "400", "1997-12-01 wday 1 00:00:00"},
+      {"0099,00,05,12,00,00,2,004,00", "0", "1999-01-05 wday 2 12:00:00"},
+      {"0099,00,05,12,00,00,2,004,00", "none", "1999-01-05 wday 2 12:00:00"},
+  };
+  for (const Case &c : cases) {
+    if (c.days != nullptr) setenv("QD_EXPIRATION", c.days, 1);
+    else unsetenv("QD_EXPIRATION");
+    Stamp(c.now);
+    EXPECT_EQ(QDset_expiration_date(), 0) << c.now;
+    EXPECT_EQ(Shown(QDexpirationdate), c.expiration) << c.now << " less " << (c.days ? c.days : "7");
+  }
+  // A count too large for any table ends (at some year long past).
+  setenv("QD_EXPIRATION", "99999999999999999999999", 1);
+  EXPECT_EQ(QDset_expiration_date(), 0);
+  EXPECT_LT(QDexpirationdate.tm_year, -20000);
+  // Without a calendar stamp there is no date, and the last one stays.
+  struct tm last = QDexpirationdate;
+  Stamp("0099,13,05,12,00,00,2,004,00");  // month 14: no row in the month table
+  EXPECT_EQ(QDset_expiration_date(), 255);
+  QDsettime(QD_TS_ZERO, nullptr);
+  EXPECT_EQ(QDset_expiration_date(), 255);
+  EXPECT_EQ(QDcomparestamps(QDexpirationdate, last), 0);
+}
+
+TEST_F(Status, ObjectsAgainstTheCurrentStamp) {
+  struct Case {
+    const char *now, *stamp;  // now nullptr: timestamping off; stamp nullptr: none
+    int status;
+  } cases[] = {
+      {"0099,00,05,12,00,00,2,004,00", "0099,00,05,12,00,00,2,004,00", OBJ_ACTIVE},
+      {"0099,00,05,12,00,00,2,004,00", "0099,00,05,11,59,59,2,004,00", OBJ_STALE},
+      {"0099,00,05,12,00,00,2,004,00", "0099,00,05,12,00,01,2,004,00", OBJ_ACTIVE},
+      {"0099,00,05,12,00,00,2,004,00", "yesterday", OBJ_STALE},
+      {"0099,00,05,12,00,00,2,004,00", nullptr, OBJ_ACTIVE},
+      {nullptr, "0090,00,05,12,00,00,5,004,00", OBJ_ACTIVE},
+  };
+  for (const Case &c : cases) {
+    if (c.now != nullptr) Stamp(c.now);
+    else QDsettime(QD_TS_ZERO, nullptr);
+    KeywordList *attrs = c.stamp ? List({{"k", "v"}, {"ObjTimestamp", c.stamp}}) : List({{"k", "v"}});
+    ObjectRecord *o = Create_object(strdup("disk0"), attrs, nullptr);
+    EXPECT_EQ(QDobjectstatus(o), c.status) << (c.now ? c.now : "off") << " against " << (c.stamp ? c.stamp : "none");
+    QDfreeobj(o);
+  }
+}
+
+TEST_F(Status, WhileCachedTheCacheDecides) {
+  box_.WriteTable("seen:::: ObjTimestamp=\"0099,00,01,00,00,00,5,000,00\"\n"
+                  "unseen:::: ObjTimestamp=\"0099,00,01,00,00,00,5,000,00\"\n"
+                  "plain:::: k=\"1\"\n");
+  setenv("QD_TIMESTAMP", "0099,00,05,12,00,00,2,004,00", 1);
+  ASSERT_EQ(QDcache_load(), 0);
+  QDcache_touch_obj(QDcache_find_alias("seen"));
+  EXPECT_EQ(QDaliasstatus("seen"), OBJ_ACTIVE);
+  EXPECT_EQ(QDaliasstatus("unseen"), OBJ_STALE);
+  EXPECT_EQ(QDaliasstatus("plain"), OBJ_ACTIVE);
+  QDcache_free();
+}
 
 using testing_support::ReadFile;
 using testing_support::WriteFile;
@@ -131,6 +220,50 @@ TEST_F(Archive, NoCopyIsWrittenThroughWhatOthersPlanted) {
   TraceCapture trace(box_, 3);
   EXPECT_EQ(QDArchive(QD_ARCH_ALL, nullptr), 255);
   EXPECT_TRUE(trace.Has("Alias '..' is not a file name"));
+}
+
+namespace fs = std::filesystem;
+
+class Cleanup : public CacheTest {
+ protected:
+  std::string A(const std::string &name) const { return box_.Path("archive/" + name); }
+  void File(const std::string &name) const {
+    fs::create_directories(fs::path(A(name)).parent_path());
+    testing_support::WriteFile(A(name), "x\n");
+  }
+  bool Stays(const std::string &name) const { return fs::symlink_status(A(name)).type() != fs::file_type::not_found; }
+};
+
+TEST_F(Cleanup, OnlyExpiredRunDirectoriesGo) {
+  setenv("QD_TIMESTAMP", "0099,00,20,00,00,00,3,019,00", 1);  // expiration: 13 January 1999 00:00:00
+  QDsettime(QD_TS_ENV, nullptr);
+  for (const char *f : {"1999:01:12:23:59:59/a", "1999:01:13:00:00:00/c", "notes/n", "1999:01:12:23:59:59x/x",
+                        "1999:1:12:23:59:59/y", "1998:12:02:00:00:00/link", "1998:12:03:00:00:00/sub/s",
+                        "1998:12:03:00:00:00/f", "1998:12:04:00:00:00", "../outside/keep"})
+    File(f);
+  fs::remove(A("1998:12:02:00:00:00/link"));
+  ASSERT_EQ(symlink(A("../outside/keep").c_str(), A("1998:12:02:00:00:00/link").c_str()), 0);
+  ASSERT_EQ(symlink(A("../outside").c_str(), A("1998:12:01:00:00:00").c_str()), 0);
+  TraceCapture trace(box_, 7);
+  QD_cleanup_archive_dir();
+  for (const char *gone : {"1999:01:12:23:59:59", "1998:12:02:00:00:00", "1998:12:03:00:00:00/f"})
+    EXPECT_FALSE(Stays(gone)) << gone;
+  for (const char *kept : {"1999:01:13:00:00:00/c", "notes/n", "1999:01:12:23:59:59x/x", "1999:1:12:23:59:59/y",
+                           "1998:12:01:00:00:00", "1998:12:03:00:00:00/sub/s", "1998:12:04:00:00:00", "../outside/keep"})
+    EXPECT_TRUE(Stays(kept)) << kept;
+  EXPECT_TRUE(trace.Has("Corrupt archive directory name 'notes'"));
+  EXPECT_TRUE(trace.Has("Directory '1998:12:03:00:00:00' not removed, errno = "));
+}
+
+TEST_F(Cleanup, NothingGoesWithoutAStampNorThroughALink) {
+  File("1990:01:01:00:00:00/a");
+  QD_cleanup_archive_dir();
+  EXPECT_TRUE(Stays("1990:01:01:00:00:00/a"));
+  ASSERT_EQ(symlink(A("1990:01:01:00:00:00").c_str(), box_.Path("via").c_str()), 0);
+  EXPECT_EQ(QD_rmfiles(box_.Path("via").c_str()), -1);
+  EXPECT_TRUE(Stays("1990:01:01:00:00:00/a"));
+  EXPECT_EQ(QD_rmfiles(A("1990:01:01:00:00:00").c_str()), 0);
+  EXPECT_FALSE(Stays("1990:01:01:00:00:00/a"));
 }
 
 }  // namespace

@@ -48,24 +48,6 @@ TEST(Unitprop, ValuesListingsAndStatuses) {
   }
 }
 
-TEST(Unitprop, FindsEntriesWhateverTheirSpelling) {
-  Sandbox box;
-  box.WriteTable(
-      "# comment:with:colons:: ends in a backslash \\\n"
-      "a\\:b:c:d:e:note=\"x\"\n"
-      "long:::: text=\"one\\\n"
-      "two:not-an-entry::::\"\n"
-      "\\w\\e\\i\\r\\d::::k=\"v\"\n"
-      "two::: k=\"malformed\"\n"
-      "two:::: k=\"real\"\n"
-      "last::::k=unquoted\n");
-  const char *const cases[][3] = {
-      {"a:b", "note", "x"}, {"a:b", "pathname", "e"}, {"long", "text", "one\ntwo:not-an-entry::::"},
-      {"weird", "k", "v"},  {"two", "k", "real"},     {"last", "k", "unquoted"},
-  };
-  for (const auto &c : cases) EXPECT_EQ(Prop(c[0], c[1]), c[2]) << c[0];
-}
-
 TEST(Unitlist, TableOrderCriteriaAndMalformedLines) {
   Sandbox box;
   std::string all = Cmd("unitlist", {}).out;

@@ -1,10 +1,11 @@
-// Keyword lists: contents, the cursor contract callers iterate by, and the
-// status codes they test.
+// Keyword lists (contents, the cursor contract, status codes, storage), comma
+// lists, and keyword streams.
 #include <gtest/gtest.h>
-
 #include <malloc.h>
 
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -50,10 +51,6 @@ TEST(KeywordListCursor, FreshListsStartAtTheFirstEntryOthersWhereTheyStopped) {
       Made({{"a", "1"}, {"a", "x"}, {"b", "2"}, {"c", "3"}, {"b", "y"}},
            [](KeywordList *l) { RemoveDuplicateKeywordFmList(l); }),
       Made({{"z", "0"}, {"a", "1"}, {"b", "2"}, {"c", "3"}}, [](KeywordList *l) { RemoveKeywordFmList(l, "z"); }),
-      Made({{"z", "0"}}, [](KeywordList *l) {
-        RemoveKeywordFmList(l, "z");
-        for (const auto &p : kAbc) AddKeywordToList(l, p.first.c_str(), p.second.c_str());
-      }),
   };
   fclose(in);
   for (List &l : made) EXPECT_EQ(Rest(l.get()), kAbc) << &l - made;
@@ -61,8 +58,6 @@ TEST(KeywordListCursor, FreshListsStartAtTheFirstEntryOthersWhereTheyStopped) {
   EXPECT_EQ(Rest(src.get()), Pairs({{"b", "2"}, {"c", "3"}}));
   EXPECT_EQ(Step(src.get()), KWL_END);
   EXPECT_EQ(All(src.get()), kAbc);
-  List empty(CreateKeywordList());
-  EXPECT_EQ(Step(empty.get()), KWL_END);
 
   // Removing the entries at the cursor moves it to the next one kept.
   List l = MakeList({{"a", "1"}, {"b", "2"}, {"b", "3"}, {"c", "4"}, {"b", "5"}});
@@ -88,7 +83,6 @@ TEST(KeywordList, RepeatedKeywordsStayUntilThinnedToTheFirstOrRemovedAll) {
 
   l = MakeList(repeated);
   EXPECT_EQ(RemoveKeywordFmList(l.get(), "k"), KWL_OK);
-  EXPECT_NE(RemoveKeywordFmList(l.get(), "k"), KWL_OK);
   EXPECT_NE(RemoveKeywordFmList(l.get(), "X"), KWL_OK);  // case matters
   for (const std::string &k : {std::string("y"), k33, huge}) RemoveKeywordFmList(l.get(), k.c_str());
   AddKeywordToList(l.get(), "z", "9");  // the tail moved with the removals
@@ -122,16 +116,12 @@ TEST(KeywordList, UpdateLookupAndTheStatusOfEntriesWithoutValue) {
   EXPECT_STREQ(value, "");
   EXPECT_EQ(ReferenceKeywordInList(l.get(), "K", &kw, &value), KWL_NOTFOUND);
   List copy(DuplicateKeywordList(l.get()));
-  List appended(CreateKeywordList());
-  AddKeywordListToList(appended.get(), l.get());
-  for (KeywordList *list : {l.get(), copy.get(), appended.get()}) {
+  for (KeywordList *list : {l.get(), copy.get()}) {
     list->kwl_cursor = list->kwl_first;
     std::vector<int> codes;
     for (int i = 0; i < 7; ++i) codes.push_back(Step(list));
     EXPECT_EQ(codes, std::vector<int>({KWL_OK, KWL_OK, KWL_OK, KWL_OK, KWL_OK, KWL_WARN, KWL_END}));
   }
-  UpdateKeywordInList(l.get(), "n", "");
-  EXPECT_EQ(ReferenceKeywordInList(l.get(), "n", &kw, &value), KWL_OK);
   UpdateKeywordInList(l.get(), "k", nullptr);
   EXPECT_EQ(ReferenceKeywordInList(l.get(), "k", &kw, &value), KWL_WARN);
 }
@@ -275,21 +265,120 @@ TEST(KeywordList, NullAndForeignListsAreRefusedWithoutBeingTouched) {
   EXPECT_EQ(All(ok.get()), kAbc);
 }
 
-TEST(KeywordListTrace, DumpAlwaysWritesDisplayOnlyAtLevelEightNeitherMovesTheCursor) {
+TEST(ParseCommaList, ItemsThenNullThenTheOneBlockHoldingThemAll) {
+  const std::pair<const char *, std::vector<std::string>> cases[] = {
+      {"a,b,c", {"a", "b", "c"}}, {"", {}},          {" a , b\t,c ", {"a", "b", "c"}}, {"a,,b,", {"a", "b"}},
+      {",,,", {}},                {"   ", {}},        {",a", {"a"}}, {"two words, x y z", {"two words", "x y z"}},
+  };
+  for (const auto &c : cases) {
+    std::string input = c.first;
+    CommaList list = ParseCommaList(input.c_str());
+    ASSERT_NE(list, nullptr) << c.first;
+    EXPECT_EQ(input, c.first) << "input changed";
+    size_t n = 0;
+    while (list[n] != nullptr) ++n;
+    EXPECT_EQ(std::vector<std::string>(list, list + n), c.second) << c.first;
+    // Freeing the block and the array must free every item.
+    char *block = list[n + 1];
+    auto lo = reinterpret_cast<uintptr_t>(block), hi = lo + (block ? malloc_usable_size(block) : 0);
+    for (size_t i = 0; i < n; ++i) {
+      auto p = reinterpret_cast<uintptr_t>(list[i]);
+      EXPECT_TRUE(p >= lo && p + strlen(list[i]) < hi) << "item " << i << " outside the block";
+    }
+    free(block);
+    free(list);
+  }
+  EXPECT_EQ(ParseCommaList(nullptr), nullptr);
+}
+
+TEST(IsInCommaList, MatchesWholeTrimmedItemsExactly) {
+  const std::tuple<const char *, const char *, int> cases[] = {
+      {"b", "a,b,c", 1}, {"a", "a,b,c", 1}, {"c", "a,b,c", 1},   {"d", "a,b,c", 0}, {"b", " a , b , c ", 1},
+      {" b\t", "a,b,c", 1}, {"B", "a,b,c", 0}, {"ab", "a,b", 0}, {"a", "ab,ba", 0}, {"a,b", "a,b", 0},
+      {"x y", "w,x y,z", 1}, {"", "a,,b", 0}, {"a", "", 0},      {nullptr, "a", 0}, {"a", nullptr, 0},
+  };
+  for (const auto &c : cases)
+    EXPECT_EQ(IsInCommaList(std::get<0>(c), std::get<1>(c)), std::get<2>(c))
+        << (std::get<0>(c) ? std::get<0>(c) : "(null)") << " in " << (std::get<1>(c) ? std::get<1>(c) : "(null)");
+}
+
+std::string Write(KeywordList *list) {
+  char *buf = nullptr;
+  size_t len = 0;
+  FILE *out = open_memstream(&buf, &len);
+  EXPECT_EQ(KeywordListToStream(out, list), 0);
+  fclose(out);
+  std::string text(buf, len);
+  free(buf);
+  return text;
+}
+
+List Read(const std::string &text) {
+  FILE *in = fmemopen(const_cast<char *>(text.data()), text.size(), "r");
+  List list(KeywordStreamToList(in));
+  EXPECT_EQ(fclose(in), 0);  // the stream is left open for its owner
+  return list;
+}
+
+// Written, then read back.
+Pairs Again(const Pairs &pairs) {
+  List back = Read(Write(MakeList(pairs).get()));
+  return back ? All(back.get()) : Pairs{{"(null list)", ""}};
+}
+
+// Generated lists are the fuzzer's (fuzz_kwstream).
+TEST(KeywordStream, AwkwardListsSurviveTheRoundTrip) {
+  const Pairs awkward = {
+      {"plain", "value"}, {"empty", ""},   {"lead", " x"},    {"trail", "x "},  {"tabs", "\tx\t"},
+      {"blanks", "   "},  {"eq", "a=b=c"}, {"lquote", "\"x"}, {"quotes", "\"x\""}, {"bs", "a\\b\\"},
+      {"bsq", "\\\""},    {"nl", "a\nb\n"}, {"cr", "a\rb\r"}, {"hash", "#x"},    {"k=eq", "v"},
+      {"#k", "v"},        {" k", "v"},     {"k\tk", "v"},     {"\"k", "v"},      {"k\nk", "v"},
+      {"", "empty keyword"},
+  };
+  for (const auto &p : awkward) EXPECT_EQ(Again({p}), Pairs({p})) << Write(MakeList({p}).get());
+  EXPECT_EQ(Again(awkward), awkward);
+}
+
+TEST(KeywordStream, HandWrittenTextReadsAsMeantBadLinesAreSkippedAndTraced) {
   testing_support::Sandbox box;
-  TraceCapture trace(box, 0);
-  List l = MakeList({{"first", "1"}, {"second", "two words"}});
-  Step(l.get());
-  DisplayKeywordList(l.get());
-  EXPECT_EQ(trace.Text(), "");
-  DumpKeywordList(l.get());
-  EXPECT_TRUE(trace.Has("first=\"1\"") && trace.Has("second=\"two words\"")) << trace.Text();
-  size_t dumped = trace.Text().size();
-  vcel_verbose_level = 8;
-  DisplayKeywordList(l.get());
-  std::string displayed = trace.Text().substr(dumped);
-  EXPECT_NE(displayed.find(" L8 DisplayKeywordList: "), std::string::npos) << displayed;
-  EXPECT_EQ(Rest(l.get()), Pairs({{"second", "two words"}}));
+  TraceCapture trace(box, 3);
+  List l = Read(
+      "# YRA_FW=commented out\n\n   # indented comment\n"
+      "YRA_FW=local\n"
+      "  spaced  =  value with  inner blanks  \n"
+      "quoted=\"  kept  \"\n"
+      "escaped = \"a\\\"b\\\\c\\nd\"\n"
+      "crlf=dos\r\n"
+      "no equals sign\n"
+      "\"open keyword=2\n"
+      "b=\"open value\n"
+      "=3\n"
+      "c=\"x\" trailing\n"
+      "empty=\n\t\n"
+      "url=http://host/a=b#frag\n"
+      "last=no newline");
+  ASSERT_NE(l, nullptr);
+  EXPECT_EQ(pvtest::Rest(l.get()), Pairs({{"YRA_FW", "local"},
+                                         {"spaced", "value with  inner blanks"},
+                                         {"quoted", "  kept  "},
+                                         {"escaped", "a\"b\\c\nd"},
+                                         {"crlf", "dos"},
+                                         {"empty", ""},
+                                         {"url", "http://host/a=b#frag"},
+                                         {"last", "no newline"}}));
+  for (const char *line : {"line 9:", "line 10:", "line 11:", "line 12:", "line 13:"})
+    EXPECT_TRUE(trace.Has(line)) << line << " not reported in:\n" << trace.Text();
+  EXPECT_FALSE(trace.Has("line 1:") || trace.Has("line 8:") || trace.Has("line 14:")) << trace.Text();
+  EXPECT_EQ(NumberOfKeywords(Read("# only a comment\n\n").get()), 0);
+}
+
+TEST(KeywordStream, WritingLeavesTheCursorAndRefusesBadArguments) {
+  List l = MakeList({{"a", "1"}, {"b", "2"}, {"c", "3"}});
+  char *kw = nullptr, *value = nullptr;
+  ReferenceNextKeywordInList(l.get(), &kw, &value);
+  EXPECT_EQ(Write(l.get()), "a=1\nb=2\nc=3\n");
+  EXPECT_EQ(pvtest::Rest(l.get()), Pairs({{"b", "2"}, {"c", "3"}}));
+  EXPECT_NE(KeywordListToStream(nullptr, l.get()), 0);
 }
 
 }  // namespace
