@@ -44,6 +44,10 @@ TEST_F(Qdadm, ReadsInBothFormats) {
       {{"--json", "list", "class=tape"}, "[\"tape1\", \"tape0\"]\n"},
       {{"match", "class=network", "--", "net0", "disk0", "net2"}, "net2\nnet0\n"},
       {{"--json", "next", "tape"}, "{\"alias\": \"tape1\"}\n"},
+      {{"search", "--filter", "desc", "class=tape", "--not", "type=lto"}, "alias=tape0\ndesc=Tape drive 0\n"},
+      {{"--json", "search", "--any", "--filter", "x", "class=floppy", "class=cdrom"},
+       "[{\"alias\": \"floppy0\", \"attributes\": {}, \"methods\": {}}, "
+       "{\"alias\": \"cdrom0\", \"attributes\": {}, \"methods\": {}}]\n"},
   };
   for (const Case &c : cases) {
     auto r = Admin(c.args);
@@ -88,6 +92,8 @@ TEST_F(Qdadm, ErrorsChangeNothing) {
       {{"get", "nosuch"}, 3},
       {{"get", "disk0", "nosuch"}, 3},
       {{"match", "class=disk", "disk0"}, 254},
+      {{"search", "--not"}, 254},
+      {{"search", "--filter", "x"}, 254},
       {{"lock", "sideways"}, 254},
       {{"touch", "disk0"}, 242},
       {{"cache", "bogus"}, 254},

@@ -94,6 +94,22 @@ void Output::Object(const std::string &alias, const Pairs &attributes, const Pai
   for (const auto &m : methods) Line(m.first, m.second);
 }
 
+void Output::Objects(const std::vector<ObjectView> &objects) {
+  if (json_) {
+    std::string out = "[";
+    for (size_t i = 0; i < objects.size(); ++i)
+      out += (i ? ", {\"alias\": " : "{\"alias\": ") + JsonString(objects[i].alias) +
+             ", \"attributes\": " + JsonObject(objects[i].attributes) + ", \"methods\": " +
+             JsonObject(objects[i].methods) + "}";
+    printf("%s]\n", out.c_str());
+    return;
+  }
+  for (size_t i = 0; i < objects.size(); ++i) {
+    if (i > 0) putchar('\n');
+    Object(objects[i].alias, objects[i].attributes, objects[i].methods);
+  }
+}
+
 void Output::Aliases(const std::vector<std::string> &aliases) {
   if (json_) {
     std::string out = "[";

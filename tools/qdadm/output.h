@@ -19,6 +19,12 @@ struct Step {
   std::string value;      // the command line or library.function
 };
 
+// An object as printed: its alias, attributes and methods.
+struct ObjectView {
+  std::string alias;
+  Pairs attributes, methods;
+};
+
 class Output {
  public:
   explicit Output(bool json) : json_(json) {}
@@ -30,6 +36,9 @@ class Output {
   void Counts(const Numbers &counts);
   // An object: alias, attributes, methods.
   void Object(const std::string &alias, const Pairs &attributes, const Pairs &methods);
+  // Several objects: blocks as Object prints them parted by an empty line,
+  // or a JSON array of objects.
+  void Objects(const std::vector<ObjectView> &objects);
   // A list of aliases, one a line, or a JSON array.
   void Aliases(const std::vector<std::string> &aliases);
   // Several things of one kind: blocks of NAME=VALUE lines parted by an

@@ -66,17 +66,27 @@ Pairs ToPairs(KeywordList *list) {
   return out;
 }
 
+// Adds NAME=VALUE to *list (made when null); false (after saying why) when
+// the argument is not such a pair.
+bool AddPair(const std::string &arg, KeywordList **list) {
+  size_t eq = arg.find('=');
+  if (eq == std::string::npos || eq == 0) {
+    Say("not a name=value pair: %s", arg.c_str());
+    return false;
+  }
+  if (*list == nullptr) *list = CreateKeywordList();
+  AddKeywordToList(*list, arg.substr(0, eq).c_str(), arg.substr(eq + 1).c_str());
+  return true;
+}
+
 // NAME=VALUE arguments as a keyword list; nullptr (after saying why) when one is not.
 KeywordList *ToList(const Args &args, size_t from, size_t to) {
   KeywordList *list = CreateKeywordList();
   for (size_t i = from; i < to; ++i) {
-    size_t eq = args[i].find('=');
-    if (eq == std::string::npos || eq == 0) {
-      Say("not a name=value pair: %s", std::string(args[i]).c_str());
+    if (!AddPair(args[i], &list)) {
       DestroyKeywordList(list);
       return nullptr;
     }
-    AddKeywordToList(list, args[i].substr(0, eq).c_str(), args[i].substr(eq + 1).c_str());
   }
   return list;
 }
@@ -181,6 +191,47 @@ int Match(Output &out, const Args &a) {
   QDFreeAliasList(matched);
   QDFreeAliasList(candidates);
   DestroyKeywordList(criteria);
+  return 0;
+}
+
+// search [--any] [--not NAME=VALUE]... [--filter NAMES] NAME=VALUE...
+int Search(Output &out, const Args &a) {
+  short type = QD_MATCH_ALL;
+  std::string filter = ",,,";  // every attribute and method
+  KeywordList *must = nullptr, *must_not = nullptr;
+  bool ok = true;
+  for (size_t i = 0; ok && i < a.size(); ++i) {
+    if (a[i] == "--any") {
+      type = QD_MATCH_ANY;
+    } else if ((a[i] == "--not" || a[i] == "--filter") && i + 1 < a.size()) {
+      if (a[i] == "--filter") filter = a[++i];
+      else ok = AddPair(a[++i], &must_not);
+    } else if (a[i].rfind("--", 0) == 0) {
+      Say("unknown or incomplete search option %s", a[i].c_str());
+      ok = false;
+    } else {
+      ok = AddPair(a[i], &must);
+    }
+  }
+  if (ok && must == nullptr && must_not == nullptr) {
+    Say("%s", "give at least one NAME=VALUE or --not NAME=VALUE");
+    ok = false;
+  }
+  SearchCriteria_t *criteria = ok ? CreateSearchCriteria(type, QD_ONE_LEVEL) : nullptr;
+  if (criteria == nullptr) {
+    DestroyKeywordList(must);
+    DestroyKeywordList(must_not);
+    return ok ? 255 : kBadArguments;
+  }
+  if (must != nullptr) AddKeyListToSearch(criteria, must);
+  if (must_not != nullptr) AddNotKeyListToSearch(criteria, must_not);
+  ObjectList *found = QDsearchaliases(criteria, filter.c_str());
+  std::vector<ObjectView> objects;
+  for (ObjectList *n = found; n != nullptr; n = n->next)
+    objects.push_back({n->Object->alias, ToPairs(n->Object->attributes), ToPairs(n->Object->methods)});
+  out.Objects(objects);
+  DestroyObjectList(found);
+  DestroySearchCriteria(criteria);
   return 0;
 }
 
@@ -369,6 +420,8 @@ const Command kCommands[] = {
     {"delete", 1, 1, "delete ALIAS", "Remove an entry, after writing its archive copy.", Delete},
     {"list", 0, 0, "list [NAME=ITEMS...]", "List every alias, or those whose entries meet every criterion.", List},
     {"match", 2, 0, "match NAME=ITEMS... -- ALIAS...", "Print the given aliases whose entries meet every criterion.", Match},
+    {"search", 1, 0, "search [--any] [--not N=V]... [--filter NAMES] N=V...",
+     "Print the objects whose attributes hold every (or, with --any, one) N=V and no --not N=V.", Search},
     {"next", 1, 2, "next CLASS [ALIAS]", "Print the first alias of a class, or the one after ALIAS.", Next},
     {"touch", 1, 1, "touch ALIAS", "Write the current time stamp (from QD_TIMESTAMP) to an entry.", Touch},
     {"stamp", 0, 1, "stamp [VALUE]", "Show the process's time stamp, from QD_TIMESTAMP or VALUE.", Stamp},
