@@ -3,9 +3,16 @@
 // the attributes and methods the matching objects carry.
 #include <cstdlib>
 #include <cstring>
+#include <algorithm>
 #include <string>
+#include <string_view>
+#include <vector>
 
+#include "cache_state.h"
+#include "front.h"
 #include "qd.h"
+
+using qd::Tracing;
 
 namespace {
 
@@ -13,17 +20,6 @@ const char kModule[] = "QDsearchal";
 const char kEverything[] = ",,,";
 constexpr size_t kAliasText = 513;
 
-bool Tracing(int level) { return level == vcel_explicit_level || level <= vcel_verbose_level; }
-
-int Count(KeywordList *list) {
-  if (list == nullptr) return 0;
-  list->kwl_cursor = list->kwl_first;
-  int n = 0;
-  char *kw;
-  char *value;
-  for (int st; (st = ReferenceNextKeywordInList(list, &kw, &value)) == KWL_OK || st == KWL_WARN;) ++n;
-  return n;
-}
 
 // A criterion holds for the value V: without a value it asks for an empty V,
 // otherwise for V itself or V holding it as one of its comma-separated items.
@@ -53,12 +49,158 @@ void Judge(KeywordList *list, const char *name, const char *value, bool negated,
   QDtrace(8, negated ? "NOTthing" : "thing", "get_status=%d", st);
 }
 
+// A set of names with a quick test of their first two characters: a walk
+// asks about every attribute of the table, and most names are in no set.
+class NameSet {
+ public:
+  NameSet() : heads_(1 << 16) {}
+  void Add(const char *name) {
+    names_.emplace_back(name);
+    heads_[Head(name)] = true;
+  }
+  bool MayHold(const char *name) const { return heads_[Head(name)]; }
+  const std::vector<std::string> &names() const { return names_; }
+
+ private:
+  // A blank second character counts as the end: the filter trims names.
+  static unsigned Head(const char *name) {
+    auto first = static_cast<unsigned char>(name[0]);
+    if (first == 0 || name[1] == ' ' || name[1] == '\t') return first << 8;
+    return first << 8 | static_cast<unsigned char>(name[1]);
+  }
+  std::vector<std::string> names_;
+  std::vector<bool> heads_;
+};
+
+// One criterion, read once from its list.
+struct Criterion {
+  std::string name, wanted;
+  int status;  // KWL_OK, or KWL_WARN for an entry without a value
+};
+
+// The criteria lists as the walk judges them. MeetSearchCriteria walks the
+// lists at each attribute; this gives the same counts, in the same order and
+// with the same traces, from arrays read once. The NOT criteria an alias has
+// had judged are marked, where the lists' form removes them from a copy.
+class CompiledCriteria {
+ public:
+  CompiledCriteria(KeywordList *klist, KeywordList *not_list)
+      : has_klist_(klist != nullptr), has_not_(not_list != nullptr) {
+    Read(klist, &must_);
+    Read(not_list, &must_not_);
+    judged_.assign(must_not_.size(), false);
+  }
+  int total() const { return static_cast<int>(must_.size() + must_not_.size()); }
+  bool has_not() const { return has_not_; }
+  void StartAlias() { std::fill(judged_.begin(), judged_.end(), false), left_ = must_not_.size(); }
+  size_t not_left() const { return left_; }
+
+  // `value` gives the pair's value: it is looked at only for a name that
+  // some criterion has.
+  template <typename Value>
+  int Meet(const char *name, const Value &value, short type, bool trace) {
+    int matched = 0, mismatched = 0;
+    bool named = names_.MayHold(name);
+    if (has_klist_) Tally(must_, nullptr, name, value, false, named, trace, &matched, &mismatched);
+    if (type == QD_MATCH_ALL && mismatched > 0) return -1;
+    if (type == QD_MATCH_ANY && matched > 0) return 1;
+    if (has_not_) Tally(must_not_, &judged_, name, value, true, named, trace, &matched, &mismatched);
+    if (type == QD_MATCH_ALL) return mismatched > 0 ? -1 : matched;
+    return matched > 0 ? 1 : 0;
+  }
+  // Each NOT criterion is judged at the alias's first attribute of its name.
+  void Judged(const char *name) {
+    if (!names_.MayHold(name)) return;
+    for (size_t i = 0; i < must_not_.size(); ++i)
+      if (!judged_[i] && strcmp(must_not_[i].name.c_str(), name) == 0) judged_[i] = true, --left_;
+  }
+
+ private:
+  void Read(KeywordList *list, std::vector<Criterion> *out) {
+    if (list == nullptr) return;
+    list->kwl_cursor = list->kwl_first;
+    char *kw;
+    char *wanted;
+    for (int st; (st = ReferenceNextKeywordInList(list, &kw, &wanted)) == KWL_OK || st == KWL_WARN;) {
+      out->push_back({kw, wanted, st});
+      names_.Add(kw);
+    }
+  }
+  template <typename Value>
+  static void Tally(const std::vector<Criterion> &list, const std::vector<bool> *judged, const char *name,
+                    const Value &value, bool negated, bool named, bool trace, int *matched, int *mismatched) {
+    for (size_t i = 0; named && i < list.size(); ++i) {
+      const Criterion &c = list[i];
+      if ((judged != nullptr && (*judged)[i]) || strcmp(c.name.c_str(), name) != 0) continue;
+      if (trace)
+        QDtrace(8, "MeetSearchCriteria",
+                negated ? "Attribute=%s,Value=%s,NOTkeyword=%s,value=%s" : "Attribute=%s,Value=%s,keyword=%s,value=%s",
+                name, value(), c.name.c_str(), c.wanted.c_str());
+      if (Holds(c.status, c.wanted.c_str(), value()) != negated)
+        ++*matched;
+      else
+        ++*mismatched;
+    }
+    if (trace) QDtrace(8, negated ? "NOTthing" : "thing", "get_status=%d", KWL_END);
+  }
+
+  bool has_klist_, has_not_;
+  std::vector<Criterion> must_, must_not_;
+  std::vector<bool> judged_;
+  size_t left_ = 0;
+  NameSet names_;
+};
+
+// The filter: ",,," keeps every name; any other text is a comma list of the
+// names kept, read once.
+class Filter {
+ public:
+  explicit Filter(const char *text) : everything_(strcmp(text, kEverything) == 0) {
+    if (everything_) return;
+    CommaList items = ParseCommaList(text);
+    for (size_t i = 0; items != nullptr && items[i] != nullptr; ++i) names_.Add(items[i]);
+    DestroyCommaList(items);
+  }
+  // As IsInCommaList(name, text) would answer.
+  bool Keeps(const char *name) const {
+    if (everything_) return true;
+    while (*name == ' ' || *name == '\t') ++name;
+    if (*name == '\0' || !names_.MayHold(name)) return false;
+    std::string_view want = name;
+    while (want.back() == ' ' || want.back() == '\t') want.remove_suffix(1);
+    for (const std::string &n : names_.names())
+      if (n == want) return true;
+    return false;
+  }
+
+ private:
+  bool everything_;
+  NameSet names_;
+};
+
+// Appends name=value to the methods or the attributes, making the list
+// when it is null; false (reported) when that fails.
+bool SaveItem(const char *name, const char *value, bool method, KeywordList **methods, KeywordList **attributes) {
+  KeywordList **list = method ? methods : attributes;
+  if (*list == nullptr && (*list = CreateKeywordList()) == nullptr) {
+    QDerror("AddFilterItem", method ? "Cannot CreateKeywordList of Methods\n" : "Cannot CreateKeywordList of Attributes\n");
+    return false;
+  }
+  if (AddKeywordToList(*list, name, value) != KWL_OK) {
+    QDerror("AddFilterItem", method ? "Error in AddKeywordToList for Methods\n" : "Error in AddKeywordToList for Attributes\n");
+    return false;
+  }
+  return true;
+}
+
 // The state of one search.
 class Search {
  public:
   Search(SearchCriteria_t *criteria, const char *filter)
-      : type_(criteria->search_type), group_(criteria->group), filter_(filter) {}
-  ~Search() { DropPending(), DestroyKeywordList(not_list_); }
+      : type_(criteria->search_type),
+        criteria_(criteria->group->Klist, criteria->group->Not_Klist),
+        filter_(filter),
+        trace_(Tracing(8)) {}
 
   // The walk; false when it could not be done at all (the result is void).
   bool Run();
@@ -66,31 +208,38 @@ class Search {
   void Discard() { DestroyObjectList(head_), head_ = nullptr; }
 
  private:
-  bool StartAlias(const char *alias);
+  void StartAlias(const char *alias);
   void CloseAlias();
   bool Stale(const char *alias);
+  template <typename Value>
+  bool Visit(const char *alias, const char *name, const Value &value);
   bool Take(const char *name, const char *value);
   bool Add(bool by_remainder);
-  void DropPending() {
-    DestroyKeywordList(pending_attributes_), DestroyKeywordList(pending_methods_);
-    pending_attributes_ = pending_methods_ = nullptr;
-  }
+  void DropPending() { pending_.clear(), pending_text_.clear(); }
 
   short type_;
-  CriteriaGroup *group_;
-  const char *filter_;
+  CompiledCriteria criteria_;
+  Filter filter_;
+  bool trace_;  // level 8 is traced
   int total_ = 0;
   ObjectList *head_ = nullptr;
   std::string alias_;
   bool seen_ = false, candidate_ = false, added_ = false;
   int matched_ = 0;  // CriteriaMatchedByAlias
-  KeywordList *pending_attributes_ = nullptr, *pending_methods_ = nullptr;
-  KeywordList *not_list_ = nullptr;  // this alias's working copy of Not_Klist
-  int status_ = OBJ_ACTIVE;          // the alias's status, asked once when nobody traces it
+  // The filtered pairs of a candidate not yet matched, kept in one reused
+  // buffer: most candidates never match, and their pairs are dropped.
+  struct Pending {
+    size_t name, value;  // offsets into pending_text_
+    bool method;
+  };
+  std::vector<Pending> pending_;
+  std::string pending_text_;
+  const char *alias_seen_ = nullptr;  // the cache walk's alias pointer of alias_
+  int status_ = OBJ_ACTIVE;  // the alias's status, asked once when nobody traces it
   bool status_known_ = false;
 };
 
-bool Search::StartAlias(const char *alias) {
+void Search::StartAlias(const char *alias) {
   CloseAlias();
   alias_ = alias;
   seen_ = true;
@@ -98,24 +247,17 @@ bool Search::StartAlias(const char *alias) {
   added_ = false;
   matched_ = 0;
   status_known_ = false;
-  if (group_->Not_Klist != nullptr) {
-    DestroyKeywordList(not_list_);
-    if ((not_list_ = DuplicateKeywordList(group_->Not_Klist)) == nullptr) {
-      QDerror(kModule, "Error in DuplicateKeywordList\n");
-      return false;
-    }
-  }
-  QDtrace(8, kModule, "Checking alias = %s", alias);
+  criteria_.StartAlias();
+  if (trace_) QDtrace(8, kModule, "Checking alias = %s", alias);
   candidate_ = true;
-  return true;
 }
 
 // The remainder rule: each NOT criterion left (the alias lacks its
 // attribute) counts as met.
 void Search::CloseAlias() {
-  if (!seen_ || !candidate_ || added_ || not_list_ == nullptr) return;
-  QDtrace(8, kModule, "checking remainder NOT list for alias=%s", alias_.c_str());
-  matched_ += NumberOfKeywords(not_list_);
+  if (!seen_ || !candidate_ || added_ || !criteria_.has_not()) return;
+  if (trace_) QDtrace(8, kModule, "checking remainder NOT list for alias=%s", alias_.c_str());
+  matched_ += static_cast<int>(criteria_.not_left());
   if (matched_ >= total_) Add(true);
 }
 
@@ -124,78 +266,116 @@ void Search::CloseAlias() {
 // traces are being written.
 bool Search::Stale(const char *alias) {
   if (!status_known_ || Tracing(7)) {
-    status_ = QDaliasstatus(alias);
+    // What QDaliasstatus asks, without a copy of the alias made and freed
+    // for each entry of the table.
+    ObjectRecord bare{const_cast<char *>(alias), nullptr, nullptr, nullptr};
+    status_ = QDobjectstatus(&bare);
     status_known_ = true;
   }
   return (status_ & 1) == 0;
 }
 
 bool Search::Add(bool by_remainder) {
-  QDtrace(8, kModule, by_remainder ? "Matched alias = %s with NOT criteria" : "Matched alias = %s", alias_.c_str());
-  ObjectList *head = AddObjectToList(alias_.c_str(), pending_attributes_, pending_methods_, head_);
-  if (head == nullptr) return false;
+  if (trace_)
+    QDtrace(8, kModule, by_remainder ? "Matched alias = %s with NOT criteria" : "Matched alias = %s", alias_.c_str());
+  KeywordList *attributes = nullptr, *methods = nullptr;
+  bool ok = true;
+  for (size_t i = 0; ok && i < pending_.size(); ++i)
+    ok = SaveItem(&pending_text_[pending_[i].name], &pending_text_[pending_[i].value], pending_[i].method, &methods,
+                  &attributes);
+  ObjectList *head = ok ? AddObjectToList(alias_.c_str(), attributes, methods, head_) : nullptr;
+  if (head == nullptr) {
+    DestroyKeywordList(attributes), DestroyKeywordList(methods);
+    return false;
+  }
   head_ = head;
-  pending_attributes_ = pending_methods_ = nullptr;  // the object has them now
+  DropPending();  // the object has them now
   added_ = true;
   candidate_ = false;
   return true;
 }
 
-// The filter: false when an attribute could not be kept.
+// Keeps a pair the filter names: false when it could not be kept.
 bool Search::Take(const char *name, const char *value) {
-  if (!candidate_ && !added_) return true;
-  if (strcmp(filter_, kEverything) != 0 && IsInCommaList(name, filter_) != 1) return true;
-  if (candidate_) return AddFilterItem(name, value, &pending_methods_, &pending_attributes_) == 0;
-  ObjectRecord *o = head_->Object;
-  return AddFilterItem(name, value, &o->methods, &o->attributes) == 0;
+  bool method = IsMethod(name, static_cast<int>(strlen(name))) != 0;
+  if (trace_) QDtrace(8, kModule, method ? "Saving method = %s" : "Saving attribute = %s", name);
+  if (!candidate_) return SaveItem(name, value, method, &head_->Object->methods, &head_->Object->attributes);
+  size_t at = pending_text_.size();
+  pending_text_.append(name).push_back('\0');
+  pending_text_.append(value).push_back('\0');
+  pending_.push_back({at, at + strlen(name) + 1, method});
+  return true;
+}
+
+// One pair of the walk; false when the walk ends here.
+template <typename Value>
+bool Search::Visit(const char *alias, const char *name, const Value &value) {
+  // Another alias can only begin with another entry. The cache hands out
+  // each object's own alias, so there the same pointer is the same alias;
+  // the file cursor reuses its buffer, but starts every entry with its
+  // positional fields, cdevice first.
+  bool same = seen_ && (qdcache_on != 0 ? alias == alias_seen_ : !(name[0] == 'c' && name[1] == 'd' && strcmp(name, "cdevice") == 0));
+  if (!same) {
+    if (!seen_ || strcmp(alias_.c_str(), alias) != 0) StartAlias(alias);
+    alias_seen_ = alias;
+  }
+  if (trace_) QDtrace(8, kModule, "Checking alias=%s,Attribute=%s,Value=%s", alias, name, value());
+  if (qd_stale == 0 && Stale(alias)) {
+    QDtrace(7, kModule, "Skipping stale alias %s", alias);
+    DropPending();
+    candidate_ = false;
+    if (added_) {
+      QDtrace(7, kModule, "stale alias has Matched=1");
+      added_ = false;
+      ObjectList *gone = head_;
+      head_ = gone->next;
+      gone->next = nullptr;
+      DestroyObjectList(gone);
+    }
+  }
+  if (candidate_) {
+    int r = criteria_.Meet(name, value, type_, trace_);
+    if (r < 0) {
+      DropPending();
+      candidate_ = false;
+    }
+    if (trace_) QDtrace(8, kModule, "MeetSearchCriteria returns %d", r);
+    matched_ += r;
+    if (criteria_.has_not()) criteria_.Judged(name);
+  }
+  bool kept = !(candidate_ || added_) || !filter_.Keeps(name) || Take(name, value());
+  if (kept && trace_) QDtrace(8, kModule, "CriteriaMatchedByAlias=%d,TotalCriteriaItems=%d", matched_, total_);
+  return kept && !(candidate_ && matched_ == total_ && !Add(false));
 }
 
 bool Search::Run() {
-  total_ = Count(group_->Klist) + Count(group_->Not_Klist);
+  total_ = criteria_.total();
   if (type_ == QD_MATCH_ANY && total_ > 1) total_ = 1;
-  QDtrace(8, kModule, "TotalCriteriaItems needed to match = %d", total_);
-  char *alias;
-  char *name;
-  char *value;
-  while (CachedReferenceNextAttribute(&alias, &name, &value) != KWL_END) {
-    if ((!seen_ || alias_ != alias) && !StartAlias(alias)) {
-      while (qdcache_on != 0 && CachedReferenceNextAttribute(&alias, &name, &value) != KWL_END) {
+  if (trace_) QDtrace(8, kModule, "TotalCriteriaItems needed to match = %d", total_);
+  const qdcache::AttributeWalk &walk = qdcache::Walk();
+  if (qdcache_on != 0 && !trace_ && walk.entry == nullptr && walk.list == nullptr) {
+    // The cache's pairs straight from its objects, as the cursor would hand
+    // them out, without looking up a value no criterion or filter asks for.
+    bool stopped = false;
+    qdcache::ForEachCachedPair([this, &stopped](const char *alias, qdcache::CachedPair pair) {
+      return !(stopped = !Visit(alias, pair.name, [pair] { return pair.Value(); }));
+    });
+    if (stopped) return true;
+  } else {
+    char *alias;
+    char *name;
+    char *value;
+    // Without the cache the cursor reads the file; its wrapper only says so,
+    // at level 5, once for every pair.
+    auto next = qdcache_on == 0 && !Tracing(5) ? ReferenceNextAttribute : CachedReferenceNextAttribute;
+    while (next(&alias, &name, &value) != KWL_END) {
+      if (!Visit(alias, name, [value] { return value; })) {
+        // The walk ends here; the cache's cursor is taken to its end, so that
+        // the next walk starts at the first object.
+        while (qdcache_on != 0 && CachedReferenceNextAttribute(&alias, &name, &value) != KWL_END) {
+        }
+        return true;
       }
-      return false;
-    }
-    QDtrace(8, kModule, "Checking alias=%s,Attribute=%s,Value=%s", alias, name, value);
-    if (qd_stale == 0 && Stale(alias)) {
-      QDtrace(7, kModule, "Skipping stale alias %s", alias);
-      DropPending();
-      candidate_ = false;
-      if (added_) {
-        QDtrace(7, kModule, "stale alias has Matched=1");
-        added_ = false;
-        ObjectList *gone = head_;
-        head_ = gone->next;
-        gone->next = nullptr;
-        DestroyObjectList(gone);
-      }
-    }
-    if (candidate_) {
-      int r = MeetSearchCriteria(name, value, type_, group_->Klist, not_list_);
-      if (r < 0) {
-        DropPending();
-        candidate_ = false;
-      }
-      QDtrace(8, kModule, "MeetSearchCriteria returns %d", r);
-      matched_ += r;
-      // Each NOT criterion is judged at the alias's first attribute of its name.
-      if (not_list_ != nullptr) RemoveKeywordFmList(not_list_, name);
-    }
-    bool kept = Take(name, value);
-    if (kept) QDtrace(8, kModule, "CriteriaMatchedByAlias=%d,TotalCriteriaItems=%d", matched_, total_);
-    if (!kept || (candidate_ && matched_ == total_ && !Add(false))) {
-      // The walk ends here; the cache's cursor is taken to its end, so that
-      // the next walk starts at the first object.
-      while (qdcache_on != 0 && CachedReferenceNextAttribute(&alias, &name, &value) != KWL_END) {
-      }
-      return true;
     }
   }
   CloseAlias();
@@ -274,16 +454,7 @@ int MeetSearchCriteria(const char *name, const char *value, short search_type, K
 int AddFilterItem(const char *name, const char *value, KeywordList **methods, KeywordList **attributes) {
   bool method = IsMethod(name, static_cast<int>(strlen(name))) != 0;
   QDtrace(8, kModule, method ? "Saving method = %s" : "Saving attribute = %s", name);
-  KeywordList **list = method ? methods : attributes;
-  if (*list == nullptr && (*list = CreateKeywordList()) == nullptr) {
-    QDerror("AddFilterItem", method ? "Cannot CreateKeywordList of Methods\n" : "Cannot CreateKeywordList of Attributes\n");
-    return -1;
-  }
-  if (AddKeywordToList(*list, name, value) != KWL_OK) {
-    QDerror("AddFilterItem", method ? "Error in AddKeywordToList for Methods\n" : "Error in AddKeywordToList for Attributes\n");
-    return -1;
-  }
-  return 0;
+  return SaveItem(name, value, method, methods, attributes) ? 0 : -1;
 }
 
 ObjectList *AddObjectToList(const char *alias, KeywordList *attributes, KeywordList *methods, ObjectList *head) {

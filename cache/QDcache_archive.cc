@@ -5,6 +5,7 @@
 
 #include "aliases.h"
 #include "cache_state.h"
+#include "front.h"
 #include "stamp_text.h"
 
 using qdcache::Count;
@@ -17,7 +18,7 @@ unsigned long Shown(const void *p) { return reinterpret_cast<unsigned long>(p); 
 // Whether level-8 lines are shown. A walk over the whole cache must not
 // fetch every object (a cache miss each) only to pass its alias to a trace
 // line that is not shown.
-bool Tracing() { return vcel_verbose_level >= 8 || vcel_explicit_level == 8; }
+bool Tracing() { return qd::Tracing(8); }
 
 // Drops the entry after its alias's fate is decided. An entry whose alias
 // was cached before it is on no hash chain: removing "its" alias would

@@ -3,6 +3,7 @@
 
 #include "aliases.h"
 #include "cache_state.h"
+#include "front.h"
 
 using qdcache::Count;
 using qdcache::kModule;
@@ -262,7 +263,9 @@ int CachedReferenceNextAttribute(char **alias, char **name, char **value) {
     return ReferenceNextAttribute(alias, name, value);
   }
   Count(qdcache::kCachedReferenceNextAttribute);
-  QDtrace(8, kModule, "CachedReferenceNextAttribute");
+  // A search calls this once for every attribute in the cache.
+  const bool trace = qd::Tracing(8);
+  if (trace) QDtrace(8, kModule, "CachedReferenceNextAttribute");
   qdcache::AttributeWalk &walk = qdcache::Walk();
   for (;;) {
     if (walk.list != nullptr) {
@@ -273,9 +276,11 @@ int CachedReferenceNextAttribute(char **alias, char **name, char **value) {
         *alias = walk.object->alias;
         *name = kw;
         *value = v;
-        QDtrace(8, kModule, "objptr=%lu", reinterpret_cast<unsigned long>(walk.object));
-        QDtrace(8, kModule, "alias=%lu", reinterpret_cast<unsigned long>(walk.object->alias));
-        QDtrace(8, kModule, "returning alias=%s,attribute=%s,value=%s", *alias, kw, v);
+        if (trace) {
+          QDtrace(8, kModule, "objptr=%lu", reinterpret_cast<unsigned long>(walk.object));
+          QDtrace(8, kModule, "alias=%lu", reinterpret_cast<unsigned long>(walk.object->alias));
+          QDtrace(8, kModule, "returning alias=%s,attribute=%s,value=%s", *alias, kw, v);
+        }
         return 0;
       }
       if (!walk.methods) {
@@ -291,8 +296,9 @@ int CachedReferenceNextAttribute(char **alias, char **name, char **value) {
       QDtrace(8, kModule, "End-of-cache reached");
       return KWL_END;
     }
-    QDtrace(8, kModule, "ocp=%lu,objptr=%lu", reinterpret_cast<unsigned long>(next),
-            reinterpret_cast<unsigned long>(next->objptr));
+    if (trace)
+      QDtrace(8, kModule, "ocp=%lu,objptr=%lu", reinterpret_cast<unsigned long>(next),
+              reinterpret_cast<unsigned long>(next->objptr));
     if (next->objptr == nullptr) {
       QDtrace(8, kModule, "ocp or objptr is NULL");
       walk = qdcache::AttributeWalk();

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "arena.h"
+#include "kwlist_layout.h"
 #include "qd.h"
 
 namespace qdcache {
@@ -90,6 +91,40 @@ struct AttributeWalk {
   bool methods = false;
 };
 AttributeWalk &Walk();
+
+// One attribute or method of a cached object, its value found only when
+// asked for: a search looks at every pair's name but at few values.
+struct CachedPair {
+  const char *name;
+  const char *Value() const { return name + strlen(name) + 1; }
+};
+
+// Hands every attribute, then every method, of every cached object to
+// visit(alias, pair) in the order CachedReferenceNextAttribute hands them
+// out from the start of a walk, with the same effect on its usage counter
+// and on the lists' cursors. When visit returns false the walk ends, and the
+// rest is counted as the callers of CachedReferenceNextAttribute drain it.
+// Only for a walk that is not under way and a trace that is not at level 8.
+template <typename Visit>
+void ForEachCachedPair(Visit &&visit) {
+  unsigned long calls = 1;  // the call that finds the end
+  bool going = true;
+  for (oce *e = qdcache_ocp->next; e != qdcache_ocp && e->objptr != nullptr; e = e->next) {
+    for (KeywordList *list : {e->objptr->attributes, e->objptr->methods}) {
+      if (list == nullptr || list->kwl_magic != pv::layout::kLiveMagic) continue;
+      if (!going) {
+        calls += list->kwl_count;
+      } else {
+        for (KeywordEntry *k = list->kwl_first; k != nullptr; k = k->next) {
+          ++calls;
+          if (going && !visit(static_cast<const char *>(e->objptr->alias), CachedPair{k->keyword})) going = false;
+        }
+      }
+      list->kwl_cursor = nullptr;
+    }
+  }
+  qdcache_info[kCachedReferenceNextAttribute] += calls;
+}
 
 // True while a flush runs: the puts and deletes it makes go to the device
 // commands and never try to load the cache.

@@ -16,6 +16,10 @@ Fn FrameworkFunction(const char *symbol) {
   return reinterpret_cast<Fn>(fn);
 }
 
+// True when a trace line of this level would be produced: hot loops test
+// this before building a trace's arguments or making the call at all.
+inline bool Tracing(int level) { return level == vcel_explicit_level || level <= vcel_verbose_level; }
+
 // True when the front may hand an alias straight to libPV: the cache is on
 // and the alias is served here.
 inline bool CacheShortCut(const char *alias) { return qdcache_on != 0 && IsLocalAlias(alias); }

@@ -194,6 +194,19 @@ fault put-stamp-left-in-list objects/QDput.cc 'if (list != nullptr) RemoveKeywor
 fault match-partial-criteria aliases/QDmatchal.cc 'if (node != nullptr && met == n) {' 'if (node != nullptr && met >= 1) {'
 fault match-fail-ignored aliases/QDmatchal.cc 'if (!IsInCommaList(*item, value)) result = -1;' ';'
 fault list-stale-included aliases/QDgaliases.cc 'if (qd_stale == 0) args.Raw(" alias_status!:\\*");' ';'
+# Search
+fault search-remainder-ignored aliases/QDsearchal.cc 'matched_ += static_cast<int>(criteria_.not_left());' 'matched_ += 0;'
+fault search-any-needs-all aliases/QDsearchal.cc 'if (type_ == QD_MATCH_ANY && total_ > 1) total_ = 1;' ';'
+fault search-filter-keeps-all aliases/QDsearchal.cc 'everything_(strcmp(text, kEverything) == 0)' 'everything_(true)'
+fault search-no-value-matches-any aliases/QDsearchal.cc 'return *value == '"'"'\0'"'"';' 'return true;'
+fault search-stale-kept aliases/QDsearchal.cc 'qd_stale == 0 && Stale(alias)' 'qd_stale == 1 && Stale(alias)'
+fault search-not-rejudged aliases/QDsearchal.cc 'if (criteria_.has_not()) criteria_.Judged(name);' ';'
+fault search-cache-aliases-merged aliases/QDsearchal.cc 'alias == alias_seen_' 'true'
+fault search-file-aliases-merged aliases/QDsearchal.cc '!(name[0] == '"'"'c'"'"' && name[1] == '"'"'d'"'"' && strcmp(name, "cdevice") == 0)' 'true'
+fault search-comma-item-missed aliases/QDsearchal.cc '|| IsInCommaList(criterion, value) == 1;' ';'
+fault search-walk-uncounted cache/cache_state.h 'qdcache_info[kCachedReferenceNextAttribute] += calls;' ';'
+fault qdadm-search-any-ignored tools/qdadm/qdadm.cc 'type = QD_MATCH_ANY;' ';'
+
 # The framework switch
 fault fwswitch-private-table-ignored front/QDfwswitch.cc 'if (tab != nullptr && strcmp(tab, QD_DEVTAB_PATH) != 0) {' 'if (false) {'
 fault fwswitch-first-rc-entry-wins front/QDfwswitch.cc '    strcpy(name, value);

@@ -198,7 +198,17 @@ TEST_P(Search, TheRulesOfMatching) {
       {QD_MATCH_ANY, &tape_or_b, &yes, {"e", "d", "c", "a"}},  // one suffices; b fails its NOT
       {QD_MATCH_ALL, &empty, &empty, {"e", "d", "c", "b", "a"}},  // nothing to meet
   };
-  for (const Case &c : cases) EXPECT_EQ(Found(c.type, c.must, c.must_not, ",,,"), c.found) << &c - cases;
+  // Traced at level 8 the walk takes the cursor's own path, pair by pair;
+  // the outcome, and the cursor's usage count, must not change.
+  TraceCapture trace(box_, 0);
+  unsigned long counted[2] = {};
+  for (int level : {0, 8}) {
+    vcel_verbose_level = level;
+    unsigned long before = qdcache_info[13];
+    for (const Case &c : cases) EXPECT_EQ(Found(c.type, c.must, c.must_not, ",,,"), c.found) << &c - cases << level;
+    counted[level / 8] = qdcache_info[13] - before;
+  }
+  EXPECT_EQ(counted[0], counted[1]);
 }
 
 TEST_P(Search, TheFilterAndStaleObjects) {
