@@ -28,7 +28,7 @@ step qdadm --json get tape0
 step qdadm methods net0
 step qdadm match class=network -- net0 disk1 net2
 step qdadm next tape
-step qdadm search --filter desc,state class=disk --not state=online
+step qdadm search --filter type,state class=serial --not state=enabled
 step qdadm --json search --any --filter desc class=tape class=printer
 step unitprop -v lp0
 step qdadm put net3 cdevice=/dev/net3 class=network address=10.1.2.3 'desc=Spare: port 4' 'upcmd=ifconfig net3 up'
