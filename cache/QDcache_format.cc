@@ -43,6 +43,7 @@ class Buffer {
     ++used_;
   }
   void Put(const char *s, size_t n) {
+    if (n == 0) return;  // an unused buffer has no storage to copy into
     memcpy(Room(n), s, n);
     used_ += n;
   }

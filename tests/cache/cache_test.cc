@@ -40,7 +40,7 @@ TEST_F(Store, TheCharacterSumHashAndItsChains) {
   oce *head = QDcache_hash("ab");
   EXPECT_TRUE(head->hnext == ab && ab->hnext == ba && ba->hnext == head);
   EXPECT_EQ(QDcache_hash_lookup("aa"), nullptr);
-  free(qdchash_tbl);
+  TearDown();
   qdc_rc.aliashashsize = 1;  // one bucket: one chain of every alias
   ASSERT_EQ(QDcache_hash_init(), 0);
   for (int i = 0; i < 50; ++i) Add(("alias" + std::to_string(i)).c_str(), {});

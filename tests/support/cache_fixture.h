@@ -16,6 +16,7 @@
 
 class CacheTest : public testing::Test {
  protected:
+  void TearDown() override { QDcache_free(); }
   void Settings(const std::string &text) const { testing_support::WriteFile(box_.Path("rc"), text); }
 
   static std::map<std::string, std::string> Pairs(KeywordList *list) {
