@@ -382,7 +382,7 @@ const Command kCommands[] = {
      "Archive stale entries, list the run directories, or remove expired ones.", Archive},
     {"contains", 1, 3, "contains [--tree] [--extended] ALIAS",
      "Print the entries an entry contains, one level or the whole tree.", Contains},
-    {"destroy", 1, 0, "destroy [--tree] [--delete] [--extended] [--dry-run] ALIAS",
+    {"destroy", 1, 0, "destroy [--tree] [--delete] [--extended] [--fallback] [--dry-run] ALIAS",
      "Destroy or delete an entry, with --tree all it contains first; print the outcome.", Destroy},
 };
 
