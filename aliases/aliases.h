@@ -14,6 +14,13 @@ int GetSpecificAliases(AliasList **result, KeywordList *criteria);
 // Line handler of unitlist's output; context: an AliasAppender.
 int AddAnAliasToList(void *context, char *line);
 
+namespace qd {
+// QDcheck's test that keeps the object it fetched: the check's trace, then
+// the object, or nullptr when the alias names none. Containment takes the
+// object found by the check rather than fetching it a second time.
+ObjectRecord *CheckedObject(const char *alias);
+}  // namespace qd
+
 // Appends to an alias list in constant time.
 struct AliasAppender {
   AliasList **head;

@@ -401,10 +401,79 @@ QD_EXPORT int AddFilterItem(const char *name, const char *value, KeywordList **m
 QD_EXPORT ObjectList *AddObjectToList(const char *alias, KeywordList *attributes, KeywordList *methods,
                                       ObjectList *head);
 
-/* ---- Containment ---- */
+/* ---- Containment and destroy ---- */
+
+/* Flags of containment and destroy (one byte). */
+#define QDEXTENDED 0x01    /* indirect ObjContains entries; destroy: the object's own methods */
+#define QDDEL 0x02         /* destroy: delete the entry */
+#define QDDESTROY 0x04     /* destroy: run the object's QDdestroyfunc */
+#define QDDELFALLBACK 0x08 /* destroy with QDEXTENDED: QDdelete when there is no QDdeletefunc */
+#define QDOBJECT 0x10      /* the object alone, or one level of containment */
+#define QDCONTAINS 0x20    /* the whole containment tree */
 
 /* 0 when the alias names an object (looked up whole and freed), else -1. */
 QD_EXPORT int QDcheck(const char *alias);
+/* Fills object->contained from its ObjContains attribute, one level
+ * (QDOBJECT, the default) or the whole tree (QDCONTAINS): the last alias
+ * found comes first. An object already on the path from the top is put in
+ * the chain but not followed again. 0 when something was found; 1 for
+ * QDOBJECT|QDCONTAINS; 2 when the table can be neither cached nor locked;
+ * 3 for no ObjContains (chain untouched) or nothing found (chain NULL).
+ * The cache, once loaded here, stays loaded. */
+QD_EXPORT int QDget_contained_objects(ObjectRecord *object, unsigned char flags);
+/* A new node holding object in front of chain; chain itself when object is
+ * NULL; NULL when out of memory (the chain is then the caller's still). */
+QD_EXPORT ContainedNode *QDAddObjectToList(ContainedNode *chain, ObjectRecord *object);
+/* Traces every object of the chain with its attributes and methods (level 8). */
+QD_EXPORT void QDObjectListDump(ContainedNode *chain);
+/* Does nothing; 0. */
+QD_EXPORT int QDexec_on_contained(void);
+
+/* The keywords of a destroy's result list. */
+#define QD_ERRORCODE "errorcode"           /* last nonzero code met, else "0" */
+#define QD_COMPLETIONCODE "completioncode" /* "3" when the object's own delete failed */
+#define QD_DESTROYED "destroyed"           /* comma lists of aliases */
+#define QD_DELETED "deleted"
+#define QD_NOT_DESTROYED "not_destroyed"
+#define QD_NOT_DELETED "not_deleted"
+#define QD_MESSAGE "message" /* one entry per message, in the order of events */
+
+/* Destroys and/or deletes the object, with QDCONTAINS after everything it
+ * contains; flags default to QDDESTROY, QDOBJECT and QDDELFALLBACK. The
+ * result list (DestroyKeywordList), or NULL when none can be made. The
+ * cache, when this call loaded it, is written back before it returns. */
+QD_EXPORT KeywordList *QDdestroy(const char *alias, unsigned char flags);
+/* The same for an object record (whose chain it fills), without defaults,
+ * cache or lock. */
+QD_EXPORT KeywordList *QD_destroy_object(ObjectRecord *object, unsigned char flags);
+/* Merges the result list `sub` into `result` and destroys `sub`. */
+QD_EXPORT void QD_destroy_parse(KeywordList *result, KeywordList *sub);
+/* Adds every item of the comma-separated value to the keyword, as
+ * AddValueToList would one by one. */
+QD_EXPORT void AddCommaValueToList(KeywordList *list, const char *keyword, const char *value);
+
+/* ---- Clean-up list ---- */
+
+#define QD_CLEANUP_FILE 0   /* a file to unlink */
+#define QD_CLEANUP_OBJECT 1 /* an entry to delete with QDdelete */
+
+#define QD_CLEANUP_ADD 0     /* register a copy of the item */
+#define QD_CLEANUP_REMOVE 1  /* take back every registration matching the item */
+#define QD_CLEANUP_EXECUTE 2 /* remove everything registered; the list stays */
+
+#define QD_CLEANUP_TEXT 1024 /* the size of a name or a qualifier, terminator included */
+
+/* A clean-up item: the caller's record, and the layout of the list's nodes. */
+typedef struct QDCleanupItem {
+  unsigned short type;                /* QD_CLEANUP_FILE or QD_CLEANUP_OBJECT */
+  char name[QD_CLEANUP_TEXT];         /* the file's path, or the alias */
+  char qualifier[QD_CLEANUP_TEXT];    /* object items: must match too on removal */
+  struct QDCleanupItem *next;         /* list nodes only */
+} QDCleanupItem;
+
+/* Operates on the process's clean-up list: 0, or -1 (reported). A name or
+ * qualifier without a terminator in its field is refused. */
+QD_EXPORT int QDcleanup(QDCleanupItem *item, unsigned short operation);
 
 /* ---- Time stamps ---- */
 

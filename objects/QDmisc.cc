@@ -26,17 +26,32 @@ extern "C" ObjectRecord *Create_object(char *alias, KeywordList *attributes, Key
   return object;
 }
 
+// Contained objects wait on one list of pending nodes instead of being freed
+// by recursion: a chain or a tree of any depth frees in constant stack.
+// Each chain goes onto the list reversed: a chain holds the object found
+// last first, and freeing a tree in the order its objects were fetched
+// leaves the heap in order for what is allocated next.
 extern "C" void QDfreeobj(ObjectRecord *object) {
-  if (object == nullptr) return;
-  free(object->alias);
-  if (object->attributes != nullptr) DestroyKeywordList(object->attributes);
-  if (object->methods != nullptr) DestroyKeywordList(object->methods);
-  while (ContainedNode *node = object->contained) {
-    QDfreeobj(node->object);
-    object->contained = node->next;
+  ContainedNode *pending = nullptr;
+  for (;;) {
+    if (object != nullptr) {
+      free(object->alias);
+      if (object->attributes != nullptr) DestroyKeywordList(object->attributes);
+      if (object->methods != nullptr) DestroyKeywordList(object->methods);
+      for (ContainedNode *node = object->contained; node != nullptr;) {
+        ContainedNode *next = node->next;
+        node->next = pending;
+        pending = node;
+        node = next;
+      }
+      free(object);
+    }
+    if (pending == nullptr) return;
+    ContainedNode *node = pending;
+    pending = node->next;
+    object = node->object;
     free(node);
   }
-  free(object);
 }
 
 extern "C" void DestroyCommaList(CommaList list) {

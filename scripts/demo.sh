@@ -49,6 +49,20 @@ EOF
 echo not run'
 step qdadm perform serial1 nosuchfunc || echo "(exit status $?: the method is not there)"
 
+# Containment: scsi0 holds three disks and a tape, each disk its three
+# partitions (their ObjContains attributes). A destroy takes a tree depth
+# first, everything an entry holds before the entry; a dry run prints what
+# it would do and does nothing. The disks' QDdestroyfunc would run.
+step qdadm contains scsi0
+step qdadm contains --tree scsi0
+step qdadm --json contains serial0
+step qdadm destroy --tree --extended --delete --fallback --dry-run scsi0
+step qdadm destroy --extended tape1 || echo "(exit status $?: tape1 has no QDdestroyfunc method)"
+# Timestamping on (now): the deleted entries get their archive copies.
+export QD_TIMESTAMP=
+step qdadm destroy --tree --delete serial0
+unset QD_TIMESTAMP
+
 # Stale entries. Two lines were last seen on 18 and 2 January 1999 (set
 # with timestamping off, so that the stamps are taken as given); a run
 # stamped 20 January 1999 archives the first and expires the second,
@@ -63,7 +77,7 @@ step qdadm archive --all
 step qdadm archive --list
 unset QD_TIMESTAMP
 printf '\n%sThe changed entries, before and after:%s\n' "$bold" "$plain"
-grep -E '^(tty07|floppy0|net3):' "$work/before.tab" | sed 's/^/before: /'
-grep -E '^(tty07|floppy0|net3):' "$work/units.tab" | sed 's/^/after:  /'
+grep -E '^(tty07|floppy0|net3|serial0|tty0[0-3]):' "$work/before.tab" | sed 's/^/before: /'
+grep -E '^(tty07|floppy0|net3|serial0|tty0[0-3]):' "$work/units.tab" | sed 's/^/after:  /'
 echo "(The library's direct flush rewrites the whole table from its cache: entries in reverse order,"
 echo " attributes in descending order, comment lines dropped. unitmod changes one entry in place.)"

@@ -255,6 +255,41 @@ fault cache-kept-aliases-not-returned cache/QDcache_archive.cc 'if (list != null
 # qdadm
 fault qdadm-status-inverted tools/qdadm/archive_commands.cc 'QDobjectstatus(o) == OBJ_ACTIVE' 'QDobjectstatus(o) == OBJ_STALE'
 fault qdadm-expired-counted-as-archived tools/qdadm/archive_commands.cc 'files.count(alias) != 0 ?' 'files.count(alias) == 0 ?'
+# Containment, destroy and the clean-up list
+fault contain-chain-in-objcontains-order aliases/QDcontain.cc 'const char *item = level->items[level->item++];' 'const char *item = [&] { size_t n = 0; while (level->items[n] != nullptr) ++n; return level->items[n - 1 - level->item++]; }();'
+fault contain-both-flags-accepted aliases/QDcontain.cc 'if ((flags & QDOBJECT) != 0 && (flags & QDCONTAINS) != 0) {' 'if (false) {'
+fault contain-warn-counts-as-found aliases/QDcontain.cc 'ReferenceKeywordInList(list, keyword, &kw, value) == KWL_OK;' 'ReferenceKeywordInList(list, keyword, &kw, value) != KWL_NOTFOUND;'
+fault contain-path-never-left aliases/QDcontain.cc '      path.Leave(level.object);
+' ''
+fault contain-absent-clears-chain aliases/QDcontain.cc 'if (int rc = Open(&stack[0])) return rc;' 'if (int rc = Open(&stack[0])) { FreeChain(object->contained); object->contained = nullptr; return rc; }'
+fault contain-indirect-ignored aliases/QDcontain.cc '(flags & QDEXTENDED) != 0 && Lookup(' 'false && Lookup('
+fault destroy-no-default-destroy archive/destroy_walk.cc 'if ((flags & (QDDEL | QDDESTROY)) == 0) flags |= QDDESTROY;' ';'
+fault destroy-early-list-has-codes archive/destroy_walk.cc 'KeywordList *list = NewResult(false);' 'KeywordList *list = NewResult(true);'
+fault destroy-zero-code-overwrites archive/destroy_walk.cc 'if (strcmp(value, "0") != 0) UpdateKeywordInList(list_, QD_ERRORCODE, value);' 'UpdateKeywordInList(list_, QD_ERRORCODE, value);'
+fault destroy-inner-failure-kept-inside archive/destroy_walk.cc 'top ? QD_COMPLETIONCODE : QD_ERRORCODE, "3"' 'QD_COMPLETIONCODE, "3"'
+fault destroy-path-never-left archive/destroy_walk.cc '      if (visit.object->alias != nullptr) path.erase(visit.object->alias);
+' ''
+fault destroy-no-delete-fallback archive/destroy_walk.cc 'if ((flags & QDDELFALLBACK) == 0) {' 'if (true) {'
+fault destroy-alias-listed-twice archive/destroy_walk.cc 'if (one && v->items.count(std::string(want)) != 0) return;' 'if (false) return;'
+fault destroy-method-entries-dropped archive/destroy_walk.cc '        case qd::Merge::kAppend:
+          AddKeywordToList(list_, kw, value);' '        case qd::Merge::kAppend:'
+fault destroy-parse-zero-code-overwrites archive/QDdestroy.cc 'if (strcmp(value, "0") != 0) UpdateKeywordInList(result, QD_ERRORCODE, value);' 'UpdateKeywordInList(result, QD_ERRORCODE, value);'
+fault cleanup-added-at-the-tail archive/QDcleanup.cc '  node->next = CleanupList;
+  CleanupList = node;' '  node->next = nullptr;
+  QDCleanupItem **end = &CleanupList;
+  while (*end != nullptr) end = &(*end)->next;
+  *end = node;'
+fault cleanup-removes-first-match-only archive/QDcleanup.cc '    *link = node->next;
+    free(node);' '    *link = node->next;
+    free(node);
+    break;'
+fault cleanup-qualifier-ignored archive/QDcleanup.cc '(qualifier_fits && strcmp(node->qualifier, item->qualifier) == 0)' 'true'
+fault cleanup-execute-empties-list archive/QDcleanup.cc '      Execute();
+      break;' '      Execute();
+      CleanupList = nullptr;
+      break;'
+fault qdadm-dry-run-performs tools/qdadm/contain_commands.cc 'if (given.count("--dry-run") == 0) {' 'if (true) {'
+fault qdadm-tree-repeats-followed tools/qdadm/contain_commands.cc 'bool repeated = above.count(o->alias) != 0;' 'bool repeated = false;'
 # Methods
 fault meta-equal-indices-reordered methods/QDmeta.cc 'std::stable_sort(rows' 'std::sort(rows'
 fault meta-index-100-accepted methods/QDmeta.cc 'v >= 1 && v <= 99' 'v >= 1 && v <= 100'

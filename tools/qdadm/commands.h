@@ -18,12 +18,18 @@ constexpr int kNoEntry = 3;         // the library's "no such entry"
 // A message on standard error, after "qdadm: ".
 __attribute__((format(printf, 1, 2))) void Say(const char *format, ...);
 std::vector<std::string> ToVector(AliasList *list);
+// Every entry of the list, from the first.
+Pairs ToPairs(KeywordList *list);
 AliasList *ToAliasList(const Args &aliases);
 
 // Object status, expiration and the archive.
 int Status(Output &out, const Args &a);
 int Expire(Output &out, const Args &a);
 int Archive(Output &out, const Args &a);
+
+// Containment and destroy.
+int Contains(Output &out, const Args &a);
+int Destroy(Output &out, const Args &a);
 
 }  // namespace qdadm
 

@@ -165,4 +165,44 @@ void Output::Steps(const std::vector<Step> &steps) {
   if (json_) printf("%s]\n", out.c_str());
 }
 
+void Output::Tree(const std::vector<TreeRow> &rows) {
+  if (!json_) {
+    for (const TreeRow &r : rows) {
+      printf("%s%s%s\n", std::string(2 * r.depth, ' ').c_str(), r.alias.c_str(),
+             r.repeated ? " (repeated above: not followed)" : "");
+    }
+    return;
+  }
+  // Rows come depth first, so a row one deeper opens the previous row's
+  // "contains" and a shallower one closes the rows it leaves.
+  std::string out;
+  size_t open = 0;
+  for (size_t i = 0; i < rows.size(); ++i) {
+    const TreeRow &r = rows[i];
+    if (i > 0 && r.depth <= rows[i - 1].depth) {
+      for (size_t d = r.depth; d <= rows[i - 1].depth; ++d) out += "]}";
+      open -= rows[i - 1].depth - r.depth + 1;
+      out += ", ";
+    }
+    out += "{\"alias\": " + JsonString(r.alias) + (r.repeated ? ", \"repeated\": true" : "") + ", \"contains\": [";
+    ++open;
+  }
+  for (; open > 0; --open) out += "]}";
+  printf("%s\n", out.c_str());
+}
+
+void Output::Acts(const std::vector<Pairs> &acts) {
+  std::string out = "[";
+  for (size_t i = 0; i < acts.size(); ++i) {
+    if (json_) {
+      out += (i ? ", " : "") + ("{\"step\": " + std::to_string(i + 1) + ", ") + JsonObject(acts[i]).substr(1);
+      continue;
+    }
+    printf("%zu", i + 1);
+    for (const auto &field : acts[i]) printf(" %s", OneLine(field.second).c_str());
+    putchar('\n');
+  }
+  if (json_) printf("%s]\n", out.c_str());
+}
+
 }  // namespace qdadm

@@ -25,9 +25,17 @@ struct ObjectView {
   Pairs attributes, methods;
 };
 
+// One entry of a containment tree, in the order a depth-first walk meets it.
+struct TreeRow {
+  size_t depth;       // 0 for the entry asked about
+  std::string alias;
+  bool repeated;      // already above it in the tree: not followed again
+};
+
 class Output {
  public:
   explicit Output(bool json) : json_(json) {}
+  bool json() const { return json_; }
   // One value: NAME=VALUE, or {"NAME": "VALUE"}.
   void Value(const std::string &name, const std::string &value);
   // Several named values of one thing.
@@ -49,6 +57,12 @@ class Output {
   void Report(const Pairs &fields, const Lists &lists);
   // Numbered steps: "N KIND pre=OPS post=OPS VALUE" lines, or a JSON array.
   void Steps(const std::vector<Step> &steps);
+  // A tree: one alias a line, indented two blanks a level, or nested JSON
+  // objects {"alias", "contains": [...]} ("repeated": true where not followed).
+  void Tree(const std::vector<TreeRow> &rows);
+  // Numbered acts: "N VALUE..." lines of each act's values, or a JSON array
+  // of objects with "step" and the act's fields.
+  void Acts(const std::vector<Pairs> &acts);
 
  private:
   bool json_;

@@ -48,12 +48,6 @@ AliasList *ToAliasList(const Args &aliases) {
   return head;
 }
 
-}  // namespace qdadm
-
-namespace {
-
-using namespace qdadm;
-
 Pairs ToPairs(KeywordList *list) {
   Pairs out;
   if (list == nullptr) return out;
@@ -65,6 +59,12 @@ Pairs ToPairs(KeywordList *list) {
     out.emplace_back(kw, value);
   return out;
 }
+
+}  // namespace qdadm
+
+namespace {
+
+using namespace qdadm;
 
 // Adds NAME=VALUE to *list (made when null); false (after saying why) when
 // the argument is not such a pair.
@@ -433,6 +433,10 @@ const Command kCommands[] = {
     {"expire", 0, 0, "expire", "Print the expiration date in force (the stamp less QD_EXPIRATION days).", Expire},
     {"archive", 1, 0, "archive {--all|ALIAS...|--list|--clean}",
      "Archive stale entries, list the run directories, or remove expired ones.", Archive},
+    {"contains", 1, 3, "contains [--tree] [--extended] ALIAS",
+     "Print the entries an entry contains, one level or the whole tree.", Contains},
+    {"destroy", 1, 0, "destroy [--tree] [--delete] [--extended] [--fallback] [--dry-run] ALIAS",
+     "Destroy or delete an entry, with --tree all it contains first; print the outcome.", Destroy},
 };
 
 void Usage(FILE *to) {
