@@ -19,11 +19,21 @@ constexpr int kNoEntry = 3;         // the library's "no such entry"
 __attribute__((format(printf, 1, 2))) void Say(const char *format, ...);
 std::vector<std::string> ToVector(AliasList *list);
 AliasList *ToAliasList(const Args &aliases);
+Pairs ToPairs(KeywordList *list);
+// NAME=VALUE arguments from..to as a keyword list; nullptr (after saying
+// why) when one is not.
+KeywordList *ToList(const Args &args, size_t from, size_t to);
 
 // Object status, expiration and the archive.
 int Status(Output &out, const Args &a);
 int Expire(Output &out, const Args &a);
 int Archive(Output &out, const Args &a);
+
+// Objects made from classes, meta-method elements, multi-value attributes.
+int Create(Output &out, const Args &a);
+int Update(Output &out, const Args &a);
+int Method(Output &out, const Args &a);
+int Value(Output &out, const Args &a);
 
 }  // namespace qdadm
 

@@ -48,12 +48,6 @@ AliasList *ToAliasList(const Args &aliases) {
   return head;
 }
 
-}  // namespace qdadm
-
-namespace {
-
-using namespace qdadm;
-
 Pairs ToPairs(KeywordList *list) {
   Pairs out;
   if (list == nullptr) return out;
@@ -80,6 +74,12 @@ KeywordList *ToList(const Args &args, size_t from, size_t to) {
   }
   return list;
 }
+
+}  // namespace qdadm
+
+namespace {
+
+using namespace qdadm;
 
 bool IsMethodName(const std::string &name) { return IsMethod(name.c_str(), static_cast<int>(name.size())) != 0; }
 
@@ -380,6 +380,14 @@ const Command kCommands[] = {
     {"expire", 0, 0, "expire", "Print the expiration date in force (the stamp less QD_EXPIRATION days).", Expire},
     {"archive", 1, 0, "archive {--all|ALIAS...|--list|--clean}",
      "Archive stale entries, list the run directories, or remove expired ones.", Archive},
+    {"create", 1, 0, "create [--class-file FILE] CLASS [NAME=VALUE...]",
+     "Make an entry of a class, with an alias of its own; print the alias.", Create},
+    {"update", 2, 0, "update [--class-file FILE] ALIAS CLASS [NAME=VALUE...]",
+     "Change an entry and apply a class to it again.", Update},
+    {"method", 4, 6, "method {add|rm|update} ALIAS METHOD ELEMENT [INDEX [OPS]]",
+     "Add, remove or change an element of a meta-method value.", Method},
+    {"value", 4, 4, "value {add|rm} ALIAS NAME ITEM", "Add an item to a multi-value attribute, or remove one.",
+     Value},
 };
 
 void Usage(FILE *to) {
