@@ -6,6 +6,7 @@
 // would pass its bound is refused with a trace, never cut; an element
 // belongs to a name when its text before '[' is that name, so "run" never
 // picks "runall" or "restart".
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -90,13 +91,6 @@ std::string_view OperatorGroup(std::string_view element) {
 
 }  // namespace
 
-std::string OperatorString(unsigned mask) {
-  std::string ops;
-  for (const meta_oper_t *op = meta_oper_tbl; op->flag != 0; ++op)
-    if ((mask & op->flag) != 0) ops.push_back(op->oper);
-  return ops;
-}
-
 bool OperatorMask(std::string_view ops, unsigned *mask) {
   *mask = 0;
   for (char c : ops) {
@@ -108,8 +102,11 @@ bool OperatorMask(std::string_view ops, unsigned *mask) {
 }
 
 const char *ElementProblem(const char *name, int index, unsigned mask) {
-  unsigned known = 0;
-  for (const meta_oper_t *op = meta_oper_tbl; op->flag != 0; ++op) known |= op->flag;
+  static const unsigned known = [] {
+    unsigned all = 0;
+    for (const meta_oper_t *op = meta_oper_tbl; op->flag != 0; ++op) all |= op->flag;
+    return all;
+  }();
   if (name == nullptr || *name == '\0') return "the element name is empty";
   std::string_view n(name);
   if (n.size() > META_NAME_MAX) return "the element name is longer than 35 characters";
@@ -140,8 +137,21 @@ Edit CatMetaMethod(std::string_view current, const char *name, int index, unsign
     QDerror(kModule, "Current metamethod is longer than %d characters\n", static_cast<int>(kValueMax));
     return Edit::kRefused;
   }
-  std::string element = std::string(name) + "[" + std::to_string(index) + "][" + OperatorString(mask) + "]";
-  QDtrace(8, kModule, "MethodToAddString = %s\n", element.c_str());
+  // "%s[%d][%s]" of name, index and operators, without printf's cost.
+  char element_text[kElementMax + 1];
+  char *at = element_text;
+  at = std::copy(name, name + strlen(name), at);
+  *at++ = '[';
+  if (index >= 10) *at++ = static_cast<char>('0' + index / 10);
+  *at++ = static_cast<char>('0' + index % 10);
+  *at++ = ']';
+  *at++ = '[';
+  for (const meta_oper_t *op = meta_oper_tbl; op->flag != 0; ++op)
+    if ((mask & op->flag) != 0) *at++ = op->oper;
+  *at++ = ']';
+  *at = '\0';
+  std::string_view element(element_text, static_cast<size_t>(at - element_text));
+  QDtrace(8, kModule, "MethodToAddString = %s\n", element_text);
   if (current.empty()) {
     *out = element;
     return Edit::kDone;
@@ -160,20 +170,22 @@ Edit CatMetaMethod(std::string_view current, const char *name, int index, unsign
       *out = current;
       return Edit::kNoRoom;
     }
-    *out = std::string(current) + "," + element;
+    out->reserve(current.size() + 1 + element.size());
+    out->append(current).append(1, ',').append(element);
     return Edit::kDone;
   }
   QDtrace(8, kModule, "new metamethod already present.\n");
   bool comma_after = found_end < current.size();
+  out->reserve(current.size() + element.size());
   if (found == 0) {
     QDtrace(8, kModule, "Method is at beginning of method list");
     if (comma_after) {
       QDtrace(8, kModule, "Copy methods after method found:");
-      *out = std::string(current.substr(found_end + 1)) + ",";
+      out->append(current.substr(found_end + 1)).append(1, ',');
     }
   } else {
     QDtrace(8, kModule, "Copy methods before method found (%d characters):", static_cast<int>(found - 1));
-    *out = current.substr(0, found - 1);
+    out->append(current.substr(0, found - 1));
     if (comma_after) {
       QDtrace(8, kModule, "Copy methods after method found (incl. comma):");
       out->append(current.substr(found_end));

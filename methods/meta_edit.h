@@ -15,8 +15,6 @@ constexpr size_t kElementMax = 99;          // an element buffer holds 100
 constexpr size_t kDefaultValueMax = 1023;   // QDrmdefaultmetamethod's buffer
 constexpr int kIndexMax = 99;
 
-// The operator characters of a mask, in table order.
-std::string OperatorString(unsigned mask);
 // The mask of operator characters; false when one is not an operator.
 bool OperatorMask(std::string_view ops, unsigned *mask);
 

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <string_view>
 
 #include "meta_edit.h"
 
@@ -42,7 +43,7 @@ void ShowObject(const ObjectRecord *object) {
   }
 }
 
-// The value the row would leave in the attribute, when it fits a value.
+// Whether the value the row leaves in the attribute fits a value.
 bool MultiFits(KeywordList *attributes, const QDclass_entry_t &row) {
   if (strchr(row.value, ',') != nullptr) {
     QDtrace(3, kModule, "Item '%s' of '%s' holds a comma: row skipped", row.value, row.keyword);
@@ -51,10 +52,9 @@ bool MultiFits(KeywordList *attributes, const QDclass_entry_t &row) {
   char *kw;
   char *current;
   int st = ReferenceKeywordInList(attributes, row.keyword, &kw, &current);
-  size_t length = strlen(row.value);
-  if ((st == KWL_OK || st == KWL_WARN) && IsInCommaList(row.value, current) != 1 && *current != '\0')
-    length += strlen(current) + 1;
-  if (length <= QD_VALUE_MAX) return true;
+  if (st != KWL_OK && st != KWL_WARN) return true;  // the row's value alone, checked already
+  size_t joined = (*current != '\0' ? strlen(current) + 1 : 0) + strlen(row.value);
+  if (joined <= QD_VALUE_MAX || IsInCommaList(row.value, current) == 1) return true;
   QDtrace(3, kModule, "Value of '%s' would pass %d characters: '%s' not added", row.keyword, QD_VALUE_MAX,
           row.value);
   return false;
@@ -116,14 +116,14 @@ int QD_add_method_to_list(KeywordList *methods, const QDclass_entry_t *row) {
   QDtrace(8, kModule, "method: %s  index: %d  m_flags: 0x%02x", Text(row->value), row->index, row->mflags);
   char *kw;
   char *found = nullptr;
-  std::string original;
   if (ReferenceKeywordInList(methods, row->keyword, &kw, &found) != 0) {
     QDtrace(8, kModule, "Add method to list with this initial value");
+    found = nullptr;
   } else {
     QDtrace(8, kModule, "Method found in method list");
-    original = found;
   }
-  QDtrace(8, kModule, "Original method: '%s'", original.c_str());
+  std::string_view original = found != nullptr ? found : "";  // the list's own, unchanged until the merge
+  QDtrace(8, kModule, "Original method: '%s'", original.data());
   std::string merged;
   if (qdmeta::CatMetaMethod(original, row->value, row->index, row->mflags, &merged) != qdmeta::Edit::kDone)
     return 254;
