@@ -554,6 +554,100 @@ QD_EXPORT void QDfreeobj(ObjectRecord *object);
  * the combined list cannot be built, else the result of the write. */
 QD_EXPORT int QDputobj(const char *alias, ObjectRecord *object);
 
+/* ---- Objects made from classes ----
+ *
+ * A class is a table of rows that QDcreate and QDupdate apply to an object.
+ * The kind of a row is flags & (QD_CLASS_METHOD | QD_CLASS_ADD):
+ *   0                 an attribute default: added when the object lacks it
+ *   QD_CLASS_ADD      a multi-value attribute: value added as one more item
+ *   QD_CLASS_METHOD   a method: replaces the object's method of that name
+ *   both              a combined method: the element value[index][mflags]
+ *                     merged into the method's meta-method value
+ * A row whose value cannot be applied whole (too long, a comma in an item,
+ * an element that is not valid) is traced at level 3 and skipped. */
+#define QD_CLASS_ADD 0x01
+#define QD_CLASS_METHOD 0x10
+
+typedef struct QDclass_entry_t {
+  unsigned char flags;  /* QD_CLASS_METHOD, QD_CLASS_ADD; other bits unused */
+  const char *keyword;  /* attribute or method name; NULL ends the rows */
+  const char *value;    /* the value; for a combined method the element name */
+  int index;            /* combined method: the element's index, 0 to 99 */
+  unsigned char mflags; /* combined method: its operators, META_* bits */
+} QDclass_entry_t;
+
+typedef struct QDclass_tbl_t {
+  const char *class_name;      /* NULL ends the table */
+  const QDclass_entry_t *rows; /* that class's rows */
+} QDclass_tbl_t;
+
+/* The class table in force: NULL at start; the caller may point it at a
+ * table of its own, which must stay valid while it is in force. */
+QD_EXPORT extern const QDclass_tbl_t *QD_class_tbl;
+/* The one-class table the _fm_tbl calls fill and put in force. */
+QD_EXPORT extern QDclass_tbl_t QD_current_class_tbl[2];
+
+#define QD_UNIQID_SIZE 15 /* 11 characters of prefix, 3 digits, terminator */
+
+/* A new object of the class, not yet written (QDputobj writes it): the
+ * caller's attributes copied, then the class applied. Without an alias one
+ * is made by QDuniqid from the class name; to keep another process from
+ * taking the same alias, hold QDlock(QDWRITE) from here to the QDputobj.
+ * NULL when no alias is free or memory runs out. QDfreeobj. */
+QD_EXPORT ObjectRecord *QDcreate(const char *class_name, const char *alias, KeywordList *attributes);
+/* QDcreate after putting the one class (class_name, rows) in force; both
+ * pointers are kept in QD_current_class_tbl. */
+QD_EXPORT ObjectRecord *QDcreate_fm_tbl(const char *class_name, const char *alias,
+                                        KeywordList *attributes, const QDclass_entry_t *rows);
+/* Sets every pair of updates in the object's attributes (method names
+ * included), then applies the class: 0; 254 for a NULL object; the status
+ * of ValidKeywordList for an unusable list. */
+QD_EXPORT int QDupdate(const char *class_name, ObjectRecord *object, KeywordList *updates);
+QD_EXPORT int QDupdate_fm_tbl(const char *class_name, ObjectRecord *object, KeywordList *updates,
+                              const QDclass_entry_t *rows);
+/* Applies the rows of the class in force of that name (none: no change). */
+QD_EXPORT void QD_classify_object(ObjectRecord *object, const char *class_name);
+/* Merges a combined row's element into its method in the list: the result
+ * of adding the merged value, or 254 when the element is refused (the list
+ * is then unchanged). */
+QD_EXPORT int QD_add_method_to_list(KeywordList *methods, const QDclass_entry_t *row);
+/* The first of prefix0 .. prefix999 (prefix cut to 11 characters) that
+ * names no object, into alias (QD_UNIQID_SIZE bytes): 0; 254 for an empty
+ * prefix; 255, alias emptied, when all are taken. */
+QD_EXPORT int QDuniqid(char *alias, const char *prefix);
+
+/* Reads a class file (NULL: the default one): lines "class NAME" and rows
+ * "KIND KEYWORD VALUE [INDEX [OPERATORS]]", KIND one of default, multi,
+ * method, combined (see qdadm(1)). On a malformed file, NULL with
+ * "FILE:LINE: what is wrong" in error (size bytes). QDfree_class_tbl. */
+QD_EXPORT QDclass_tbl_t *QDread_class_file(const char *path, char *error, size_t size);
+/* Frees a table from QDread_class_file; takes it out of force first. */
+QD_EXPORT void QDfree_class_tbl(QDclass_tbl_t *table);
+
+/* ---- Multi-value attributes ----
+ *
+ * Values are items separated by commas. The calls read the attribute, then
+ * write it back with QDput; no lock is held between the two (hold
+ * QDlock(QDWRITE) around the call to keep other writers out). A value that
+ * holds a comma or is empty, an alias or method name, or a result longer
+ * than QD_VALUE_MAX characters is refused: 254, nothing written. */
+
+/* Adds the value as the last item unless it is one already: 0, 254, or -1
+ * (no memory, or an attribute that cannot be read whole). */
+QD_EXPORT int QDaddattributevalue(const char *alias, const char *name, const char *value);
+/* Removes every item equal to the value: 0, 254, or -1. */
+QD_EXPORT int QDdelattributevalue(const char *alias, const char *name, const char *value);
+/* Removes the value's items and writes the attribute back (also when none
+ * was there): 0 removed, 1 the write failed, 2 no such attribute or item. */
+QD_EXPORT int DelEntryFmCommaList(const char *alias, const char *name, const char *value);
+/* Links the second list behind the first (*first = second when empty);
+ * the nodes now belong to *first. A second list already in the first is
+ * left alone. */
+QD_EXPORT void AddAliasListToList(AliasList **first, AliasList *second);
+/* Unlinks the node (by identity) from *head and frees it; returns the node
+ * that followed it. A node not in the list is left alone. */
+QD_EXPORT AliasList *DelAliasFmList(AliasList **head, AliasList *node);
+
 
 /* ---- Methods ----
  *
@@ -611,6 +705,41 @@ QD_EXPORT KeywordList *QDparsemetavalue(const char *value);
 QD_EXPORT char *QDParsePostOps(const char *ops);
 /* qsort comparator of meta_method_t rows: a's index minus b's. */
 QD_EXPORT int QDcmpmetaindx(const void *a, const void *b);
+
+/* ---- Editing meta-method values ----
+ *
+ * An element is written name[index][operators]: name 1 to 35 characters
+ * without ',', '[' or ']' (nor blanks at its ends), index 0 to 99, the
+ * operators those of the mask in table order (0x23: "m?-"). An element of a
+ * value belongs to a name when its text before '[' is that name, so "run"
+ * never picks "runall". Elements that cannot be made so, and values that
+ * would pass QD_VALUE_MAX characters, are refused with a level-3 trace and
+ * never written cut. */
+
+/* Into out (QD_VALUE_MAX + 1 bytes): current with the element added at the
+ * end, or moved there in place of the name's first element. Refused: out
+ * holds current unchanged (empty when current itself is over the bound). */
+QD_EXPORT void QDcatmetamethod(char *out, const char *current, const char *name, int index,
+                               unsigned char mask);
+/* Adds or replaces the element in the alias's method and writes it back: 0
+ * (also when the value has no room: it is written back unchanged); 254 for
+ * a refused element or a method that holds no meta-method value (a name
+ * without "cmd" or "func", or ending in "cmd"); 255 without memory or when
+ * the method cannot be read whole. */
+QD_EXPORT int QDaddmetamethod(const char *alias, const char *method, const char *name, int index,
+                              unsigned char mask);
+/* Removes every element of the name (nothing written when none): 0; 254
+ * as above; 255 for an empty name, no memory, or an unreadable method. */
+QD_EXPORT int QDrmmetamethod(const char *alias, const char *method, const char *name);
+/* Removes, then adds the element: it ends up last. 0, or 254 or 255 as
+ * above, with nothing written, when the result would be refused. */
+QD_EXPORT int QDupdatemetamethod(const char *alias, const char *method, const char *name, int index,
+                                 unsigned char mask);
+/* When current holds the default element (its text, whole bracket groups)
+ * beside another without the 'm' operator, sets method in list to current
+ * without the default. Values over 1023 characters are left alone. */
+QD_EXPORT void QDrmdefaultmetamethod(const char *default_value, const char *current,
+                                     const char *method, KeywordList *list);
 
 /* Appends the method's expansion to *list (made when *list is NULL):
  * META_CMD for a command method; for a meta-method its operators, and each

@@ -63,6 +63,16 @@ export QD_TIMESTAMP=
 step qdadm destroy --tree --delete serial0
 unset QD_TIMESTAMP
 
+# Classes: a new disk takes the first free alias of its class and the
+# class's defaults and methods; elements and items are edited in place.
+classes="$top/examples/classes/units.classes"
+step qdadm create --class-file "$classes" disk cdevice=/dev/rdsk/3s0 'desc=SCSI disk 3'
+step qdadm get disk3
+step qdadm method add net0 restartfunc checkcmd 5 '?m'
+step qdadm method rm net0 restartfunc checkcmd
+step qdadm value add disk0 capabilities eject
+step qdadm value add disk0 capabilities 'eject,load' || echo "(exit status $?: one item at a time)"
+
 # Stale entries. Two lines were last seen on 18 and 2 January 1999 (set
 # with timestamping off, so that the stamps are taken as given); a run
 # stamped 20 January 1999 archives the first and expires the second,
@@ -77,7 +87,7 @@ step qdadm archive --all
 step qdadm archive --list
 unset QD_TIMESTAMP
 printf '\n%sThe changed entries, before and after:%s\n' "$bold" "$plain"
-grep -E '^(tty07|floppy0|net3|serial0|tty0[0-3]):' "$work/before.tab" | sed 's/^/before: /'
-grep -E '^(tty07|floppy0|net3|serial0|tty0[0-3]):' "$work/units.tab" | sed 's/^/after:  /'
+grep -E '^(tty07|floppy0|net3|serial0|tty0[0-3]|disk3):' "$work/before.tab" | sed 's/^/before: /'
+grep -E '^(tty07|floppy0|net3|serial0|tty0[0-3]|disk3):' "$work/units.tab" | sed 's/^/after:  /'
 echo "(The library's direct flush rewrites the whole table from its cache: entries in reverse order,"
 echo " attributes in descending order, comment lines dropped. unitmod changes one entry in place.)"

@@ -320,6 +320,37 @@ fault command-raw-file-kept methods/QDcommand.cc 'unlink(name);' ';'
 fault function-slash-allowed methods/QDfunction.cc ' || library.find('"'"'/'"'"') != std::string::npos' ''
 fault function-split-at-last-dot methods/QDfunction.cc 'std::string library(reference, dot);' 'std::string library(reference, strrchr(reference, '"'"'.'"'"'));'
 fault function-missing-is-no-library methods/QDfunction.cc 'return BuildErrorCode(QD_METHOD_NOFUNCTION);' 'return BuildErrorCode(QD_METHOD_NOLIBRARY);'
+# Meta-method editing, classes and attribute values
+fault edit-operators-out-of-order methods/QDmeta_edit.cc 'for (const meta_oper_t *op = meta_oper_tbl; op->flag != 0; ++op)
+    if ((mask & op->flag) != 0) *at++ = op->oper;' 'for (const meta_oper_t *op = meta_oper_tbl + 6; op >= meta_oper_tbl; --op)
+    if ((mask & op->flag) != 0) *at++ = op->oper;'
+fault edit-unknown-mask-bits-kept methods/QDmeta_edit.cc '(mask & ~known) != 0' '(mask & ~known & 0x7f) != 0'
+fault edit-element-prefix-matches methods/QDmeta_edit.cc 'return NameOf(element) == name; }' 'return NameOf(element).substr(0, strlen(name)) == name; }'
+fault edit-index-tens-dropped methods/QDmeta_edit.cc 'if (index >= 10) *at++' 'if (index > 10) *at++'
+fault edit-add-bound-off-by-one methods/QDmeta_edit.cc 'current.size() + 1 + element.size() > kValueMax' 'current.size() + 1 + element.size() >= kValueMax'
+fault edit-move-bound-relaxed methods/QDmeta_edit.cc 'element.size() > kValueMax - 2' 'element.size() > kValueMax'
+fault edit-update-loses-element-without-room methods/QDmeta_edit.cc 'case Edit::kNoRoom: return 255;' 'case Edit::kNoRoom: break;'
+fault rmdefault-prefix-of-groups methods/QDmeta_edit.cc '(element.size() == wanted.size() || element[wanted.size()] == '"'"'['"'"')' 'true'
+fault rmdefault-mandatory-ignored methods/QDmeta_edit.cc 'other = !element.empty() && qdmeta::OperatorGroup(element).find('"'"'m'"'"') == std::string_view::npos;' 'other = !element.empty();'
+fault class-default-overrides-caller objects/QDcreate.cc 'if (st == KWL_OK || st == KWL_WARN) {
+        QDtrace(8, kModule, "Attribute' 'if (false) {
+        QDtrace(8, kModule, "Attribute'
+fault class-multi-replaces objects/QDcreate.cc 'AddValueToList(object->attributes, row.keyword, row.value);' 'UpdateKeywordInList(object->attributes, row.keyword, row.value);'
+fault class-method-added-twice objects/QDcreate.cc 'RemoveKeywordFmList(object->methods, row.keyword);' ';'
+fault class-combined-as-method objects/QDcreate.cc 'switch (row.flags & (QD_CLASS_METHOD | QD_CLASS_ADD)) {' 'switch (row.flags & QD_CLASS_METHOD) {'
+fault uniqid-prefix-cut-at-12 objects/QDmisc.cc '"%.11s%d"' '"%.12s%d"'
+fault uniqid-stops-at-998 objects/QDmisc.cc 'for (int n = 0; n <= 999; ++n) {' 'for (int n = 0; n < 999; ++n) {'
+fault delentry-write-failure-hidden objects/QDmisc.cc 'return failed ? 1 : found ? 0 : 2;' 'return found ? 0 : 2;'
+fault delentry-missing-read-as-removed objects/QDmisc.cc 'return failed ? 1 : found ? 0 : 2;' 'return failed ? 1 : 0;'
+fault aliaslist-empty-first-not-set objects/QDmisc.cc '*first = second;' ';'
+fault values-comma-item-split objects/QDmisc.cc '} else if (strchr(value, '"'"','"'"') != nullptr) {' '} else if (false) {'
+fault values-long-value-cut objects/QDmisc.cc 'if (updated.size() > QD_VALUE_MAX) {' 'if (updated.size() > QD_VALUE_MAX + 1) {'
+fault values-unreadable-taken-for-absent objects/QDmisc.cc '|| !TableValue(alias, name, value)) return read;' '|| true) return read;'
+fault classfile-line-number-off objects/class_file.cc 'std::to_string(number + 1)' 'std::to_string(number)'
+fault qdadm-create-without-lock tools/qdadm/class_commands.cc 'if (QDlock(QDWRITE) != 0) {
+      Say("cannot take the table' 'if (false) {
+      Say("cannot take the table'
+fault qdadm-method-no-room-written tools/qdadm/class_commands.cc 'if (made[0] != '"'"'\0'"'"' && !last_is_made(merged)) rc = 255;' ';'
 }
 
 faults

@@ -21,6 +21,10 @@ std::vector<std::string> ToVector(AliasList *list);
 // Every entry of the list, from the first.
 Pairs ToPairs(KeywordList *list);
 AliasList *ToAliasList(const Args &aliases);
+Pairs ToPairs(KeywordList *list);
+// NAME=VALUE arguments from..to as a keyword list; nullptr (after saying
+// why) when one is not.
+KeywordList *ToList(const Args &args, size_t from, size_t to);
 
 // Object status, expiration and the archive.
 int Status(Output &out, const Args &a);
@@ -30,6 +34,12 @@ int Archive(Output &out, const Args &a);
 // Containment and destroy.
 int Contains(Output &out, const Args &a);
 int Destroy(Output &out, const Args &a);
+
+// Objects made from classes, meta-method elements, multi-value attributes.
+int Create(Output &out, const Args &a);
+int Update(Output &out, const Args &a);
+int Method(Output &out, const Args &a);
+int Value(Output &out, const Args &a);
 
 }  // namespace qdadm
 

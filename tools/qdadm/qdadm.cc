@@ -91,6 +91,12 @@ KeywordList *ToList(const Args &args, size_t from, size_t to) {
   return list;
 }
 
+}  // namespace qdadm
+
+namespace {
+
+using namespace qdadm;
+
 bool IsMethodName(const std::string &name) { return IsMethod(name.c_str(), static_cast<int>(name.size())) != 0; }
 
 // ---------------------------------------------------------------- commands
@@ -437,6 +443,14 @@ const Command kCommands[] = {
      "Print the entries an entry contains, one level or the whole tree.", Contains},
     {"destroy", 1, 0, "destroy [--tree] [--delete] [--extended] [--fallback] [--dry-run] ALIAS",
      "Destroy or delete an entry, with --tree all it contains first; print the outcome.", Destroy},
+    {"create", 1, 0, "create [--class-file FILE] CLASS [NAME=VALUE...]",
+     "Make an entry of a class, with an alias of its own; print the alias.", Create},
+    {"update", 2, 0, "update [--class-file FILE] ALIAS CLASS [NAME=VALUE...]",
+     "Change an entry and apply a class to it again.", Update},
+    {"method", 4, 6, "method {add|rm|update} ALIAS METHOD ELEMENT [INDEX [OPS]]",
+     "Add, remove or change an element of a meta-method value.", Method},
+    {"value", 4, 4, "value {add|rm} ALIAS NAME ITEM", "Add an item to a multi-value attribute, or remove one.",
+     Value},
 };
 
 void Usage(FILE *to) {
