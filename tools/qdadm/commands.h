@@ -21,7 +21,9 @@ std::vector<std::string> ToVector(AliasList *list);
 // Every entry of the list, from the first.
 Pairs ToPairs(KeywordList *list);
 AliasList *ToAliasList(const Args &aliases);
-Pairs ToPairs(KeywordList *list);
+// Adds NAME=VALUE to *list (made when null); false (after saying why) when
+// the argument is not such a pair.
+bool AddPair(const std::string &arg, KeywordList **list);
 // NAME=VALUE arguments from..to as a keyword list; nullptr (after saying
 // why) when one is not.
 KeywordList *ToList(const Args &args, size_t from, size_t to);

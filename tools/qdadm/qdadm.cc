@@ -60,14 +60,6 @@ Pairs ToPairs(KeywordList *list) {
   return out;
 }
 
-}  // namespace qdadm
-
-namespace {
-
-using namespace qdadm;
-
-// Adds NAME=VALUE to *list (made when null); false (after saying why) when
-// the argument is not such a pair.
 bool AddPair(const std::string &arg, KeywordList **list) {
   size_t eq = arg.find('=');
   if (eq == std::string::npos || eq == 0) {
@@ -79,7 +71,6 @@ bool AddPair(const std::string &arg, KeywordList **list) {
   return true;
 }
 
-// NAME=VALUE arguments as a keyword list; nullptr (after saying why) when one is not.
 KeywordList *ToList(const Args &args, size_t from, size_t to) {
   KeywordList *list = CreateKeywordList();
   for (size_t i = from; i < to; ++i) {
