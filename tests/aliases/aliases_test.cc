@@ -11,22 +11,17 @@
 #include <string>
 #include <vector>
 
+#include "list_util.h"
 #include "qd.h"
 #include "trace_capture.h"
 
+using pvtest::Take;
 using testing_support::ReadFile;
 using testing_support::Sandbox;
 using V = std::vector<std::string>;
 using Criteria = std::vector<std::pair<std::string, std::string>>;
 
 namespace {
-
-V Take(AliasList *list) {
-  V v;
-  for (AliasList *n = list; n != nullptr; n = n->next) v.push_back(n->alias);
-  QDFreeAliasList(list);
-  return v;
-}
 
 KeywordList *List(const Criteria &pairs) {
   KeywordList *list = CreateKeywordList();
@@ -35,12 +30,7 @@ KeywordList *List(const Criteria &pairs) {
 }
 
 V Match(const Criteria &criteria, const V &candidates) {
-  AliasList *cand = nullptr;
-  for (auto it = candidates.rbegin(); it != candidates.rend(); ++it) {
-    auto *n = static_cast<AliasList *>(malloc(sizeof(AliasList)));
-    *n = {strdup(it->c_str()), cand};
-    cand = n;
-  }
+  AliasList *cand = pvtest::Chain(candidates);
   KeywordList *c = List(criteria);
   V result = Take(QDmatchalias(c, cand));
   QDFreeAliasList(cand);
@@ -127,7 +117,6 @@ TEST(QDnextalias, WalksAClassInTheMatchingsOrder) {
 }
 
 using Pairs = std::vector<std::pair<const char *, const char *>>;  // a null value: none
-using V = std::vector<std::string>;
 
 KeywordList *Items(const Pairs &pairs) {
   KeywordList *l = CreateKeywordList();

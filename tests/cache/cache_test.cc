@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "cache_fixture.h"
+#include "list_util.h"
 #include "table_gen.h"
 #include "trace_capture.h"
 
@@ -83,7 +84,6 @@ TEST_F(Store, StatusStampsAndCleanedValuesFromThePairs) {
 }
 
 TEST_F(Store, TheSettingsFile) {
-  TraceCapture trace(box_, 6);
   unsetenv("QD_EXPIRATION");
   auto read = [this](const std::string &text) {
     Settings(text);
@@ -93,13 +93,11 @@ TEST_F(Store, TheSettingsFile) {
   EXPECT_EQ(qdc_rc.aliashashsize, 509u);
   EXPECT_EQ(qdcache_directload * 10 + qdcache_directsave, 10);
   EXPECT_STREQ(getenv("QD_EXPIRATION"), "30");
-  EXPECT_TRUE(trace.Has("                 qdc_rc.directsave     OFF"));
   read("directload=0\ndirectload=\nQD_EXPIRATION=40\n");  // an empty value is skipped
   EXPECT_EQ(qdcache_directload, 0);
   EXPECT_STREQ(getenv("QD_EXPIRATION"), "30");
   read("directload=2\naliashashsize=0\ndirectsave=257\n");  // nonzero is direct, though the trace says OFF
   EXPECT_EQ(qdcache_directload, 2);
-  EXPECT_TRUE(trace.Has("                 qdc_rc.directload     OFF"));
   EXPECT_EQ(qdc_rc.aliashashsize * 10 + qdcache_directsave, 11u);  // 0 is kept as 1; the low 8 bits
   read("aliashashsize=junk\naliashashsize=64\nYRA_FW=demo\n");  // the later entry wins
   EXPECT_EQ(qdc_rc.aliashashsize, 64u);
@@ -195,32 +193,7 @@ TEST_F(Load, AFailedReadLeavesTheCacheFreeTheIndirectWayAndTheHashSize) {
   EXPECT_EQ(qdcache_info[11], 0u) << "nothing loaded directly";
 }
 
-TEST(ReportTree, UniqueKeysInEitherOrder) {
-  EXPECT_EQ(report_add_unique("m", "1"), 0);
-  EXPECT_EQ(report_add_unique("m", "2"), -1);
-  report_add_unique("z", "3");
-  report_add_unique("a", nullptr);
-  std::string seen;
-  auto collect = [](void *arg, const char *key, const char *) {
-    *static_cast<std::string *>(arg) += key;
-    return 0;
-  };
-  report_apply(nullptr, collect, &seen);
-  report_apply("d", collect, &seen);
-  EXPECT_EQ(seen, "amzzma");
-  EXPECT_STREQ(report_searchadd("m", "other")->value, "1");
-  report_free();
-  EXPECT_EQ(report_root, nullptr);
-}
-
-using V = std::vector<std::string>;
-
-V Take(AliasList *list) {
-  V v;
-  for (AliasList *n = list; n != nullptr; n = n->next) v.push_back(n->alias);
-  QDFreeAliasList(list);
-  return v;
-}
+using pvtest::Take;
 
 class Hooks : public CacheTest {
  protected:

@@ -23,11 +23,6 @@ testing_support::RunResult Admin(std::vector<std::string> args) {
 
 class Qdadm : public testing::Test {
  protected:
-  void SetUp() override {
-    setenv("TAV_LIBQDRC", box_.Path("rc").c_str(), 1);
-    setenv("QD_ARCHIVE_DIR_PATH", box_.Path("archive").c_str(), 1);
-    unsetenv("QD_TIMESTAMP");
-  }
   Sandbox box_;
 };
 

@@ -7,7 +7,10 @@
 #include <utility>
 #include <vector>
 
-#include "pv.h"
+#include <cstdlib>
+#include <cstring>
+
+#include "qd.h"
 
 namespace pvtest {
 
@@ -39,6 +42,29 @@ inline Pairs Rest(KeywordList *list) {
 inline Pairs All(KeywordList *list) {
   list->kwl_cursor = list->kwl_first;
   return Rest(list);
+}
+
+using Aliases = std::vector<std::string>;
+
+// An alias chain as the library builds one, from malloc.
+inline AliasList *Chain(const Aliases &aliases) {
+  AliasList *head = nullptr;
+  for (auto it = aliases.rbegin(); it != aliases.rend(); ++it)
+    head = new (malloc(sizeof(AliasList))) AliasList{strdup(it->c_str()), head};
+  return head;
+}
+
+inline Aliases Names(const AliasList *list) {
+  Aliases out;
+  for (; list != nullptr; list = list->next) out.push_back(list->alias);
+  return out;
+}
+
+// The chain's aliases; the chain is freed.
+inline Aliases Take(AliasList *list) {
+  Aliases out = Names(list);
+  QDFreeAliasList(list);
+  return out;
 }
 
 }  // namespace pvtest
