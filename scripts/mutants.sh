@@ -350,7 +350,7 @@ fault classfile-line-number-off objects/class_file.cc 'std::to_string(number + 1
 fault qdadm-create-without-lock tools/qdadm/class_commands.cc 'if (QDlock(QDWRITE) != 0) {
       Say("cannot take the table' 'if (false) {
       Say("cannot take the table'
-fault qdadm-method-no-room-written tools/qdadm/class_commands.cc 'if (made[0] != '"'"'\0'"'"' && !last_is_made(merged)) rc = 255;' ';'
+fault qdadm-method-no-room-written tools/qdadm/class_commands.cc 'if (made[0] != '"'"'\0'"'"' && !last_is_made(merged)) return 255;' ';'
 }
 
 faults

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "cache_fixture.h"
+#include "list_util.h"
 #include "trace_capture.h"
 
 namespace {
@@ -125,11 +126,7 @@ class Archive : public CacheTest {
     return out;
   }
   static int ArchiveList(std::initializer_list<const char *> aliases) {
-    AliasList *list = nullptr;
-    for (auto a = std::rbegin(aliases); a != std::rend(aliases); ++a) {
-      AliasList node{const_cast<char *>(*a), nullptr};
-      list = AddAliasToList(&node, list);
-    }
+    AliasList *list = pvtest::Chain(std::vector<std::string>(aliases.begin(), aliases.end()));
     int rc = QDArchive(QD_ARCH_LIST, &list);
     QDFreeAliasList(list);
     return rc;

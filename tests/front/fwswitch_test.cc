@@ -104,8 +104,7 @@ TEST_F(Switch, APrivateTableIsServedLocallyAndLeavesTheSwitchUndecided) {
 
 TEST_F(Switch, NoNameAnywhereMeansLocalWithoutRunningAnything) {
   EXPECT_EQ(IsOriginalQD(), 1);
-  EXPECT_EQ(IsOriginalQD(), 1);
-  EXPECT_TRUE(Traced("checking for rc file") && Traced("Cannot open rc file."));
+  EXPECT_EQ(IsOriginalQD(), 1);  // decided: the second call asks nothing
   EXPECT_EQ(CheckerRuns(), 0);
   EXPECT_TRUE(Traced("switch setting: 1")) << "decided local for good";
 }
@@ -113,7 +112,6 @@ TEST_F(Switch, NoNameAnywhereMeansLocalWithoutRunningAnything) {
 TEST_F(Switch, TheSettingsFileNamesTheFrameworkLastNonEmptyLineWins) {
   WriteFile(box_.Path("libQDrc"), "# settings\nYRA_FW=nosuch\nQD_CACHE=1\nYRA_FW=demo\nYRA_FW=\n");
   EXPECT_EQ(Desc(), "from the framework");
-  EXPECT_TRUE(Traced("switch value = demo"));
 }
 
 TEST_F(Switch, DecisionFailuresFallBackToLocalService) {
@@ -156,7 +154,6 @@ TEST_F(Switch, AFrameworkMissingOneFunctionIsDroppedForTheRestOfTheProcess) {
   // FWgetattr is missing: this call and every later one are local. The
   // default table does not exist in the sandbox, so local service finds nothing.
   EXPECT_EQ(Desc(), "<null>");
-  EXPECT_TRUE(Traced("No symbol for function -"));
   attrs = QDgetattrs("disk0");
   EXPECT_EQ(attrs, nullptr) << "FWgetattrs is no longer used";
   DestroyKeywordList(attrs);
@@ -178,7 +175,6 @@ TEST_F(Switch, SetFWswitchNullRunsNoCheckerAndOpensNoLibrary) {
 TEST_F(Switch, NamesTooLongForTheirBuffersAreRefused) {
   std::string huge(2000, 'x');
   EXPECT_EQ(SetFWswitch(huge.c_str()), -1);
-  EXPECT_TRUE(Traced("Input argument is too long"));
   EXPECT_EQ(getenv("YRA_FW"), nullptr);
   setenv("YRA_FW", huge.c_str(), 1);
   EXPECT_EQ(IsOriginalQD(), 1);

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "command.h"
+#include "list_util.h"
 #include "qd.h"
 #include "trace_capture.h"
 
@@ -91,11 +92,7 @@ TEST(CommandLine, EveryWordReachesTheCommandLiterallyOrIsRefused) {
 
 TEST(ListHelpers, FreeAndNameClasses) {
   QDFreeAliasList(nullptr);
-  auto *second = static_cast<AliasList *>(malloc(sizeof(AliasList)));
-  *second = {strdup("b"), nullptr};
-  auto *first = static_cast<AliasList *>(malloc(sizeof(AliasList)));
-  *first = {strdup("a"), second};
-  QDFreeAliasList(first);  // the sanitizer build checks that nothing leaks
+  QDFreeAliasList(pvtest::Chain({"a", "b"}));  // the sanitizer build checks that nothing leaks
   const std::tuple<const char *, int, int, int> cases[] = {
       {"alias_status", 12, 1, 0}, {"myalias2", 8, 1, 0}, {"formatcmd", 9, 0, 1}, {"statfunc", 8, 0, 1},
       {"desc", 4, 0, 0},          {"formatcmd", 6, 0, 0}, {"aliascmd", 8, 1, 1}, {"", 0, 0, 0},

@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "commands.h"
@@ -194,6 +196,32 @@ int Update(Output &out, const Args &args) {
   return 0;
 }
 
+namespace {
+
+// Runs an edit of one value of an entry under the table's write lock and
+// reads the value back before letting go; kNoEntry (said) when there is no
+// such entry, 255 (said) when the lock cannot be had.
+int EditUnderLock(const char *alias, const char *name, bool method, std::string *value,
+                  const std::function<int()> &edit) {
+  if (QDlock(QDWRITE) != 0) {
+    Say("cannot take the table's write lock");
+    return 255;
+  }
+  int rc = kNoEntry;
+  NameValue *now = nullptr;
+  if (QDcheck(alias) == 0) {
+    rc = edit();
+    now = method ? QDgetmethod(alias, name) : QDgetattr(alias, name);
+  }
+  QDunlock(QDWRITE);
+  *value = now != nullptr ? now->value : "";
+  free(now);
+  if (rc == kNoEntry) Say("no entry for %s", alias);
+  return rc;
+}
+
+}  // namespace
+
 int Method(Output &out, const Args &a) {
   const std::string &op = a[0];
   bool rm = op == "rm";
@@ -215,36 +243,22 @@ int Method(Output &out, const Args &a) {
     std::vector<std::string> elements = Elements(value);
     return !elements.empty() && elements.back() == made;
   };
-  if (QDlock(QDWRITE) != 0) {
-    Say("cannot take the table's write lock");
-    return 255;
-  }
-  int rc = kNoEntry;
-  NameValue *now = nullptr;
-  if (QDcheck(alias) == 0) {
+  std::string value;
+  int rc = EditUnderLock(alias, method, true, &value, [&]() {
     // An element without room is refused before anything is written (the
     // library would write the value back as it was).
-    rc = 0;
     if (op == "add") {
       NameValue *before = QDgetmethod(alias, method);
       char merged[QD_VALUE_MAX + 1];
       QDcatmetamethod(merged, before != nullptr ? before->value : "", element, index, mask);
       free(before);
-      if (made[0] != '\0' && !last_is_made(merged)) rc = 255;
+      if (made[0] != '\0' && !last_is_made(merged)) return 255;
     }
-    if (rc == 0)
-      rc = rm ? QDrmmetamethod(alias, method, element)
+    return rm ? QDrmmetamethod(alias, method, element)
               : op == "add" ? QDaddmetamethod(alias, method, element, index, mask)
                             : QDupdatemetamethod(alias, method, element, index, mask);
-    now = QDgetmethod(alias, method);
-  }
-  QDunlock(QDWRITE);
-  std::string value = now != nullptr ? now->value : "";
-  free(now);
-  if (rc == kNoEntry) {
-    Say("no entry for %s", alias);
-    return rc;
-  }
+  });
+  if (rc == kNoEntry) return rc;
   // What is read back tells whether the write took.
   std::vector<std::string> elements = Elements(value);
   bool done = rc == 0 && (rm ? std::none_of(elements.begin(), elements.end(),
@@ -265,23 +279,11 @@ int Value(Output &out, const Args &a) {
     return kBadArguments;
   }
   const char *alias = a[1].c_str(), *name = a[2].c_str(), *item = a[3].c_str();
-  if (QDlock(QDWRITE) != 0) {
-    Say("cannot take the table's write lock");
-    return 255;
-  }
-  int rc = kNoEntry;
-  NameValue *now = nullptr;
-  if (QDcheck(alias) == 0) {
-    rc = op == "add" ? QDaddattributevalue(alias, name, item) : QDdelattributevalue(alias, name, item);
-    now = QDgetattr(alias, name);
-  }
-  QDunlock(QDWRITE);
-  std::string value = now != nullptr ? now->value : "";
-  free(now);
-  if (rc == kNoEntry) {
-    Say("no entry for %s", alias);
-    return rc;
-  }
+  std::string value;
+  int rc = EditUnderLock(alias, name, false, &value, [&]() {
+    return op == "add" ? QDaddattributevalue(alias, name, item) : QDdelattributevalue(alias, name, item);
+  });
+  if (rc == kNoEntry) return rc;
   if (rc != 0 || (IsInCommaList(item, value.c_str()) == 1) != (op == "add")) {
     Say("%s of %s was not changed (the reason is above)", name, alias);
     return rc == 0 || rc == -1 ? 255 : rc;
