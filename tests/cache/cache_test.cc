@@ -42,6 +42,10 @@ TEST_F(Store, TheCharacterSumHashAndItsChains) {
   EXPECT_TRUE(head->hnext == ab && ab->hnext == ba && ba->hnext == head);
   EXPECT_EQ(QDcache_hash_lookup("aa"), nullptr);
   TearDown();
+  qdc_rc.aliashashsize = 100;  // not a divisor of 256: the sign of a byte shows
+  ASSERT_EQ(QDcache_hash_init(), 0);
+  EXPECT_EQ(QDcache_hash("\xE9") - qdchash_tbl, 73);
+  free(qdchash_tbl);
   qdc_rc.aliashashsize = 1;  // one bucket: one chain of every alias
   ASSERT_EQ(QDcache_hash_init(), 0);
   for (int i = 0; i < 50; ++i) Add(("alias" + std::to_string(i)).c_str(), {});

@@ -214,6 +214,10 @@ TEST_F(Safety, AReaderThatOpenedTheOldTableReadsTheNewOne) {
   if (pid == 0) {
     setenv("QD_FAULT", "stop@table-opened", 1);
     if (QDlock_fp(QDREAD) != 0 || ResetDeviceTabFile() != 0) _exit(2);
+    struct stat locked, named;  // the lock, too, is on the new table
+    if (fstat(fileno(QDlock_fptr), &locked) != 0 || stat(getenv("TAV_DEVTAB"), &named) != 0 ||
+        locked.st_ino != named.st_ino)
+      _exit(4);
     char *a, *n, *v;
     while (ReferenceNextAttribute(&a, &n, &v) == KWL_OK)
       if (strcmp(a, "tty07") == 0 && strcmp(n, "speed") == 0) _exit(strcmp(v, "57600") == 0 ? 0 : 1);
@@ -233,6 +237,9 @@ TEST_F(Safety, AReaderThatOpenedTheOldTableReadsTheNewOne) {
 // A flush made while the process holds the table file's lock leaves it
 // holding a lock on the table the path names, not on the file it replaced.
 TEST_F(Safety, TheFileLockMovesToTheReplacedTable) {
+  std::string link = box_.Path("link.tab");  // a table named through a link stays one
+  ASSERT_EQ(symlink(box_.table().c_str(), link.c_str()), 0);
+  setenv("TAV_DEVTAB", link.c_str(), 1);
   ASSERT_EQ(QDlock_fp(QDWRITE), 0);
   ASSERT_EQ(QDcache_load(), 0);
   KeywordList *l = List({{"state", "offline"}});
@@ -252,6 +259,8 @@ TEST_F(Safety, TheFileLockMovesToTheReplacedTable) {
   EXPECT_EQ(WEXITSTATUS(st), 0);
   EXPECT_EQ(QDunlock_fp(QDWRITE), 0);
   EXPECT_EQ(Prop("disk1", "state"), "offline");
+  struct stat ls;
+  EXPECT_TRUE(lstat(link.c_str(), &ls) == 0 && S_ISLNK(ls.st_mode));
 }
 
 // A full disk, a failed sync or a real small file system (where the test
