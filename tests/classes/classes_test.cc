@@ -30,7 +30,7 @@ std::string Cat(const std::string &current, const char *name, int index, unsigne
 }
 
 TEST(Edit, CatAddsOrMovesTheElementToTheEnd) {
-  const std::string q505(505, 'q'), q506(506, 'q'), r503 = "e[1][]," + std::string(503, 'q');
+  const std::string n36(36, 'n'), q505(505, 'q'), q506(506, 'q'), r503 = "e[1][]," + std::string(503, 'q');
   struct Case {
     std::string current;
     const char *name;
@@ -51,7 +51,7 @@ TEST(Edit, CatAddsOrMovesTheElementToTheEnd) {
       {r503, "e", 2, 0, std::string(503, 'q') + ",e[2][]"},          // 510 after a move
       {"e[1][]," + std::string(504, 'q'), "e", 2, 0, "e[1][]," + std::string(504, 'q')},  // 511
       // Refused elements leave the value as it was.
-      {"x", std::string(36, 'n').c_str(), 1, 0, "x"},
+      {"x", n36.c_str(), 1, 0, "x"},
       {"x", "a,b", 1, 0, "x"},
       {"x", "a[1]", 1, 0, "x"},
       {"x", "", 1, 0, "x"},
