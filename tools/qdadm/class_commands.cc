@@ -70,6 +70,22 @@ List CheckedPairs(const Args &a, size_t from) {
 
 // The table's write lock with the whole table in the cache: the alias
 // checks read it there, and one rewrite writes the change back.
+// Reads the class file the arguments name (taking its option out of *a),
+// checks the class named at a[at] and the NAME=VALUE pairs after it, and
+// puts the file's classes in force; false (after saying why) when any is wrong.
+bool ClassInForce(Args *a, size_t at, const char *missing, Classes *classes, List *pairs) {
+  *classes = ReadClasses(a);
+  if (*classes == nullptr) return false;
+  if (a->size() <= at || !HasClass(classes->get(), (*a)[at])) {
+    Say(a->size() <= at ? "%s" : "no class %s in the class file", a->size() <= at ? missing : (*a)[at].c_str());
+    return false;
+  }
+  *pairs = CheckedPairs(*a, at + 1);
+  if (*pairs == nullptr) return false;
+  QD_class_tbl = classes->get();
+  return true;
+}
+
 class Session {
  public:
   bool Open() {
@@ -143,15 +159,9 @@ std::vector<std::string> Elements(const std::string &value) {
 
 int Create(Output &out, const Args &args) {
   Args a = args;
-  Classes classes = ReadClasses(&a);
-  if (classes == nullptr) return kBadArguments;
-  if (a.empty() || !HasClass(classes.get(), a[0])) {
-    Say(a.empty() ? "give a class" : "no class %s in the class file", a.empty() ? "" : a[0].c_str());
-    return kBadArguments;
-  }
-  List attributes = CheckedPairs(a, 1);
-  if (attributes == nullptr) return kBadArguments;
-  QD_class_tbl = classes.get();
+  Classes classes;
+  List attributes;
+  if (!ClassInForce(&a, 0, "give a class", &classes, &attributes)) return kBadArguments;
   Session session;
   if (!session.Open()) return 255;
   Object object(QDcreate(a[0].c_str(), nullptr, attributes.get()));
@@ -170,15 +180,9 @@ int Create(Output &out, const Args &args) {
 
 int Update(Output &out, const Args &args) {
   Args a = args;
-  Classes classes = ReadClasses(&a);
-  if (classes == nullptr) return kBadArguments;
-  if (a.size() < 2 || !HasClass(classes.get(), a[1])) {
-    Say(a.size() < 2 ? "give an alias and a class" : "no class %s in the class file", a.size() < 2 ? "" : a[1].c_str());
-    return kBadArguments;
-  }
-  List updates = CheckedPairs(a, 2);
-  if (updates == nullptr) return kBadArguments;
-  QD_class_tbl = classes.get();
+  Classes classes;
+  List updates;
+  if (!ClassInForce(&a, 1, "give an alias and a class", &classes, &updates)) return kBadArguments;
   Session session;
   if (!session.Open()) return 255;
   Object object(QDgetobj(a[0].c_str()));
