@@ -24,22 +24,35 @@ namespace {
 
 bool flushing = false;  // set while a flush runs
 
-// The entry writer's output, fed to the new table.
-ssize_t ReplacementWrite(void *cookie, const char *buf, size_t size) {
-  devtab::sys::Point("flush-writing");
-  if (int err = static_cast<devtab::Replacement *>(cookie)->Write({buf, size})) {
-    errno = err;
-    return -1;
+// The new table, formatted entry by entry into a piece of text that goes to
+// the file whenever it is full: a few large writes, no stream in between.
+class TableWriter {
+ public:
+  explicit TableWriter(devtab::Replacement *replacement) : replacement_(replacement) { text_.clear(); }
+  bool Add(const ObjectRecord *o) {
+    if (!qdcache::AppendEntry(&text_, o->alias, o->attributes, o->methods)) return false;
+    return text_.size() < kPiece || Drain();
   }
-  return static_cast<ssize_t>(size);
-}
+  bool Drain() {
+    devtab::sys::Point("flush-writing");
+    int err = text_.empty() ? 0 : replacement_->Write({text_.data(), text_.size()});
+    text_.clear();
+    if (err != 0) {
+      QDtrace(3, "QDcache_flush_put", "QDcache_flush_put: fprintf failed, errno %d", err);
+      return false;
+    }
+    return true;
+  }
 
-FILE *OpenReplacementStream(devtab::Replacement *replacement) {
-  cookie_io_functions_t io = {nullptr, ReplacementWrite, nullptr, nullptr};
-  FILE *f = fopencookie(replacement, "w", io);
-  if (f != nullptr) setvbuf(f, nullptr, _IOFBF, 64 << 10);
-  return f;
-}
+ private:
+  static constexpr size_t kPiece = 512 << 10;
+  devtab::Replacement *replacement_;
+  qdcache::TextBuffer &text_ = Text();
+  static qdcache::TextBuffer &Text() {
+    static qdcache::TextBuffer text;  // its memory serves every flush
+    return text;
+  }
+};
 
 // Makes the written content the table's; false on failure (the old table
 // then stands whole).
@@ -93,25 +106,21 @@ int QDcache_flush(void) {
   qdcache_running_sec = start;
   qdcache_on = 0;
   bool direct = qdc_rc.directsave != 0;
-  FILE *table_stream = nullptr;
-  FILE *stream = nullptr;
   std::unique_ptr<devtab::Replacement> replacement;
+  std::unique_ptr<TableWriter> writer;
   if (direct) {
     if (QDlock_fp(QDWRITE) != 0) {
       QDtrace(5, kModule, "Cannot obtain a write lock for the device table file");
       return -1;
     }
     replacement = std::make_unique<devtab::Replacement>();
-    int err = replacement->Begin(qdlock::file.file);
-    if (err == 0 && (stream = OpenReplacementStream(replacement.get())) == nullptr) err = errno;
-    if (err != 0) {
+    if (int err = replacement->Begin(qdlock::file.file)) {
       QDtrace(2, kModule, "Cannot reset device table file for cache flush, errno %d", err);
       replacement.reset();
       QDunlock_fp(QDWRITE);
       return -1;
     }
-    table_stream = QDlock_fptr;
-    QDlock_fptr = stream;  // the entry writer writes to the rewrite
+    writer = std::make_unique<TableWriter>(replacement.get());
   }
   flushing = true;
   KeywordList *stamp = CreateKeywordList();
@@ -123,7 +132,7 @@ int QDcache_flush(void) {
     if (direct) {
       QDtrace(8, kModule, "Direct save on");
       QDcache_set_accesstime_attr(e);
-      if (QDcache_flush_put(e->objptr->alias, e->objptr->attributes, e->objptr->methods) != 0) {
+      if (!writer->Add(e->objptr)) {
         result = -1;
         break;
       }
@@ -137,11 +146,8 @@ int QDcache_flush(void) {
     e = prev;
   }
   if (direct) {
-    QDlock_fptr = table_stream;
-    bool written = result == 0 && fflush(stream) == 0 && ferror(stream) == 0;
-    if (fclose(stream) != 0) written = false;
     // Unless it is committed, the table was never touched.
-    if (!written || !CommitReplacement(replacement.get())) result = -1;
+    if (result != 0 || !writer->Drain() || !CommitReplacement(replacement.get())) result = -1;
     replacement.reset();  // drops an uncommitted file while the lock is held
     QDunlock_fp(QDWRITE);
   }
@@ -163,13 +169,17 @@ void QDcache_free(void) {
   long start = static_cast<long>(time(nullptr));
   qdcache_running_sec = start;
   qdcache_on = 0;
-  // Every entry goes: the alias index need not follow them one by one.
+  // Every entry goes at once, as QDcache_rmobj would take them one by one:
+  // nothing is unlinked from the queue, the chains or the index first.
   qdcache::Index().Clear();
-  for (oce *e = qdcache_ocp->next; e != qdcache_ocp;) {
+  unsigned int removed = 0;
+  for (oce *e = qdcache_ocp->next; e != qdcache_ocp; ++removed) {
     oce *next = e->next;
-    QDcache_rmobj(e);
+    qdcache::ReleaseEntry(e);
     e = next;
   }
+  qdcache_info[qdcache::kRmobj] += removed;
+  qdcache_ocp->next = qdcache_ocp->prev = qdcache_ocp;
   free(qdchash_tbl);
   qdchash_tbl = nullptr;
   qdcache::Walk() = qdcache::AttributeWalk();

@@ -8,10 +8,13 @@
 #include <vector>
 
 #include "cache_state.h"
+#include "kwlist_layout.h"
 
 namespace {
 
 constexpr size_t kPairBuffer = 4096;
+
+using qdcache::TextBuffer;
 
 // The characters that take a backslash: colon, backslash, double quote, newline.
 struct SpecialTable {
@@ -24,48 +27,19 @@ const SpecialTable kSpecial;
 
 bool Special(char c) { return kSpecial.special[static_cast<unsigned char>(c)]; }
 
-// A buffer that grows to what it is asked to hold; kept from entry to entry,
-// as a flush writes every entry.
-class Buffer {
- public:
-  void clear() { used_ = 0; }
-  size_t size() const { return used_; }
-  bool empty() const { return used_ == 0; }
-  const char *data() const { return data_.data(); }
-  // Room for n more characters, at the returned position.
-  char *Room(size_t n) {
-    if (used_ + n > data_.size()) data_.resize(std::max(data_.size() * 2, used_ + n + 4096));
-    return data_.data() + used_;
-  }
-  void Grow(size_t n) { used_ += n; }
-  void Put(char c) {
-    *Room(1) = c;
-    ++used_;
-  }
-  void Put(const char *s, size_t n) {
-    if (n == 0) return;  // an unused buffer has no storage to copy into
-    memcpy(Room(n), s, n);
-    used_ += n;
-  }
-
- private:
-  std::vector<char> data_;
-  size_t used_ = 0;
-};
-
-Buffer &HeadBuffer() {
-  static Buffer buffer;
+TextBuffer &HeadBuffer() {
+  static TextBuffer buffer;
   return buffer;
 }
-Buffer &PairBuffer() {
-  static Buffer buffer;
+TextBuffer &PairBuffer() {
+  static TextBuffer buffer;
   return buffer;
 }
 
 // Appends s with its special characters escaped, leaving out the character
 // `omit` (none when it is -1). Most strings hold no special character at
 // all: they are found in runs and copied whole.
-void AppendEscaped(Buffer *out, const char *s, int omit) {
+void AppendEscaped(TextBuffer *out, const char *s, int omit) {
   for (;;) {
     size_t run = strcspn(s, ":\\\"\n");
     out->Put(s, run);
@@ -77,6 +51,61 @@ void AppendEscaped(Buffer *out, const char *s, int omit) {
     }
     ++s;
   }
+}
+
+const char *const kPositional[3] = {"cdevice", "bdevice", "pathname"};
+
+// The positional fields as a lookup of each finds them: the first entry of
+// the keyword, taken (and later removed) only when it has a value.
+struct Positionals {
+  int status[3] = {KWL_NOTFOUND, KWL_NOTFOUND, KWL_NOTFOUND};
+  const char *value[3] = {};
+  bool Taken(int i) const { return status[i] == KWL_OK; }
+  // Which positional keyword `kw` is, or -1.
+  static int Which(const char *kw) {
+    // Many keywords start with c, b or p; few go on with d, d or a.
+    int i = kw[0] == 'c' ? 0 : kw[0] == 'b' ? 1 : kw[0] == 'p' ? 2 : -1;
+    return i >= 0 && kw[1] == kPositional[i][1] && strcmp(kw, kPositional[i]) == 0 ? i : -1;
+  }
+};
+
+bool Live(const KeywordList *list) { return list != nullptr && list->kwl_magic == pv::layout::kLiveMagic; }
+
+const char *ValueOf(const KeywordEntry *k) { return k->keyword + strlen(k->keyword) + 1; }
+
+// One walk over the list's entries, as the list operations lay them out.
+Positionals FindPositionals(const KeywordList *attributes) {
+  Positionals p;
+  if (!Live(attributes)) return p;
+  for (const KeywordEntry *k = attributes->kwl_first; k != nullptr; k = k->next) {
+    int i = Positionals::Which(k->keyword);
+    if (i >= 0 && p.status[i] == KWL_NOTFOUND) {
+      p.status[i] = pv::layout::NoValue(k) ? KWL_WARN : KWL_OK;
+      p.value[i] = ValueOf(k);
+    }
+  }
+  return p;
+}
+
+// Fields 1 to 4 with their colons.
+void AppendHead(TextBuffer *out, const char *alias, const Positionals &p) {
+  // An alias that starts like a comment or blank line would be skipped by
+  // readers: its first character takes a backslash too.
+  if (*alias == '#' || *alias == ' ' || *alias == '\t') out->Put('\\');
+  AppendEscaped(out, alias, -1);
+  out->Put(':');
+  for (int i = 0; i < 3; ++i) {
+    if (p.Taken(i)) AppendEscaped(out, p.value[i], -1);
+    out->Put(':');
+  }
+}
+
+void AppendPair(TextBuffer *out, const char *kw, const char *value, bool blank) {
+  if (blank) out->Put(' ');
+  AppendEscaped(out, kw, -1);
+  out->Put("=\"", 2);
+  AppendEscaped(out, value, '"');
+  out->Put('"');
 }
 
 }  // namespace
@@ -117,37 +146,12 @@ int strcpyesc_omit_ch(char *dest, const char *src, int ch) {
 
 int flush_alias_to_stream(const char *alias, KeywordList *attributes) {
   // The head grows to whatever it needs, so no head is ever cut.
-  Buffer &head = HeadBuffer();
+  TextBuffer &head = HeadBuffer();
   head.clear();
-  // An alias that starts like a comment or blank line would be skipped by
-  // readers: its first character takes a backslash too.
-  if (*alias == '#' || *alias == ' ' || *alias == '\t') head.Put('\\');
-  AppendEscaped(&head, alias, -1);
-  head.Put(':');
-  // The positional fields as a lookup of each finds them, in one walk: the
-  // first entry of the keyword, taken only when it has a value.
-  static const char *const kPositional[3] = {"cdevice", "bdevice", "pathname"};
-  int status[3] = {KWL_NOTFOUND, KWL_NOTFOUND, KWL_NOTFOUND};
-  char *found[3] = {};
-  if (attributes != nullptr) {
-    attributes->kwl_cursor = attributes->kwl_first;
-    char *kw;
-    char *value;
-    int st;
-    while ((st = ReferenceNextKeywordInList(attributes, &kw, &value)) == KWL_OK || st == KWL_WARN) {
-      int i = kw[0] == 'c' ? 0 : kw[0] == 'b' ? 1 : kw[0] == 'p' ? 2 : -1;
-      if (i >= 0 && status[i] == KWL_NOTFOUND && strcmp(kw, kPositional[i]) == 0) {
-        status[i] = st;
-        found[i] = value;
-      }
-    }
-  }
-  for (int i = 0; i < 3; ++i) {
-    if (status[i] == KWL_OK) AppendEscaped(&head, found[i], -1);
-    head.Put(':');
-  }
+  Positionals p = FindPositionals(attributes);
+  AppendHead(&head, alias, p);
   for (int i = 0; i < 3; ++i)
-    if (status[i] == KWL_OK) RemoveKeywordFmList(attributes, kPositional[i]);  // the values go with it
+    if (p.Taken(i)) RemoveKeywordFmList(attributes, kPositional[i]);  // the values go with it
   if (fwrite(head.data(), 1, head.size(), QDlock_fptr) != head.size()) {
     QDtrace(3, "flush_alias_to_stream", "flush_alias_to_stream: fprintf failed, errno %d", errno);
     return -1;
@@ -160,7 +164,7 @@ int flush_kwlist_to_stream(FILE *stream, KeywordList *list, int blank) {
   int rc = ValidKeywordList(list);
   if (rc != 0) return rc;
   list->kwl_cursor = list->kwl_first;
-  Buffer &buffer = PairBuffer();
+  TextBuffer &buffer = PairBuffer();
   buffer.clear();
   auto write_out = [&]() {
     if (fwrite(buffer.data(), 1, buffer.size(), stream) != buffer.size()) {
@@ -175,11 +179,7 @@ int flush_kwlist_to_stream(FILE *stream, KeywordList *list, int blank) {
   int st;
   while ((st = ReferenceNextKeywordInList(list, &kw, &value)) == KWL_OK || st == KWL_WARN) {
     if (buffer.size() >= kPairBuffer && !write_out()) return -1;
-    if (blank) buffer.Put(' ');
-    AppendEscaped(&buffer, kw, -1);
-    buffer.Put("=\"", 2);
-    AppendEscaped(&buffer, value, '"');
-    buffer.Put('"');
+    AppendPair(&buffer, kw, value, blank != 0);
     blank = 1;
   }
   if (st != KWL_END) rc = st;
@@ -200,3 +200,31 @@ int QDcache_flush_put(const char *alias, KeywordList *attributes, KeywordList *m
 }
 
 }  // extern "C"
+
+namespace qdcache {
+
+bool AppendEntry(TextBuffer *out, const char *alias, KeywordList *attributes, KeywordList *methods) {
+  if ((attributes != nullptr && !Live(attributes)) || (methods != nullptr && !Live(methods))) return false;
+  Positionals p = FindPositionals(attributes);
+  AppendHead(out, alias, p);
+  bool blank = false;
+  if (attributes != nullptr) {
+    for (const KeywordEntry *k = attributes->kwl_first; k != nullptr; k = k->next) {
+      int i = Positionals::Which(k->keyword);
+      if (i >= 0 && p.Taken(i)) continue;  // written in the head, removed from the list
+      AppendPair(out, k->keyword, ValueOf(k), blank);
+      blank = true;
+    }
+  }
+  if (methods != nullptr) {
+    blank = attributes != nullptr;
+    for (const KeywordEntry *k = methods->kwl_first; k != nullptr; k = k->next) {
+      AppendPair(out, k->keyword, ValueOf(k), blank);
+      blank = true;
+    }
+  }
+  out->Put('\n');
+  return true;
+}
+
+}  // namespace qdcache

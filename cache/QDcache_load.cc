@@ -1,84 +1,45 @@
 // Loading the whole table into the cache: directly from the table file
 // through the table cursor, or through the alias listing and object query.
 #include <algorithm>
+#include <utility>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "cache_state.h"
+#include "devtab_format.h"
+#include "devtab_file.h"
+#include "front.h"
+#include "lock_state.h"
 
 using qdcache::kModule;
 
 namespace {
 
-// One entry being assembled by the direct loader: its pairs in arrival
-// order, in one buffer reused from entry to entry. This does for the loader
-// what the report tree does (first value of a keyword kept, keywords in
-// descending byte order) without an allocation per pair.
-class Assembly {
+// The direct loader reads whole entries from the locked table file, as the
+// table cursor would hand them out triple by triple (positional fields
+// first), and lays each object out straight from the parsed entry: its
+// strings are copied once, into the cache's memory. The next entry is read
+// before the current one is added, so that entries of one alias in a row
+// make one object, as the cursor's triples would.
+class DirectLoader {
  public:
-  void Start(const char *alias) {
-    size_t n = strlen(alias) + 1;
-    alias_.resize(n);  // kept whole: an alias of any length stays one object
-    memcpy(alias_.data(), alias, n);
-    used_ = 0;
-    pairs_.clear();
-    active_ = true;
-  }
-  bool active() const { return active_; }
-  bool SameAlias(const char *alias) const { return active_ && strcmp(alias_.data(), alias) == 0; }
-
-  void Offer(const char *key, const char *value) {
-    size_t k = strlen(key) + 1, v = strlen(value) + 1;
-    if (used_ + k + v > text_.size()) text_.resize(std::max(text_.size() * 2, used_ + k + v + 4096));
-    char *at = text_.data() + used_;
-    memcpy(at, key, k);
-    memcpy(at + k, value, v);
-    pairs_.push_back({Prefix(key), static_cast<uint32_t>(used_), static_cast<uint32_t>(used_ + k)});
-    used_ += k + v;
-  }
-
-  // Adds the entry to the cache as the report tree and QDcache_addalias
-  // would: keywords unique (first value kept) in descending order.
-  void AddToCache() {
-    const char *text = text_.data();
-    // An insertion sort: entries have a dozen pairs, and it is stable, so
-    // that among pairs of one keyword the first stays first.
-    auto before = [text](const Pair &a, const Pair &b) {
-      if (a.prefix != b.prefix) return a.prefix > b.prefix;
-      return strcmp(text + a.key, text + b.key) > 0;
-    };
-    for (size_t i = 1; i < pairs_.size(); ++i) {
-      Pair p = pairs_[i];
-      size_t j = i;
-      for (; j > 0 && before(p, pairs_[j - 1]); --j) pairs_[j] = pairs_[j - 1];
-      pairs_[j] = p;
-    }
-    keys_.clear();
-    values_.clear();
-    const Pair *last = nullptr;
-    for (const Pair &p : pairs_) {
-      char *key = text_.data() + p.key;
-      // The first value of a keyword stays.
-      if (last != nullptr && last->prefix == p.prefix && strcmp(text + last->key, key) == 0) continue;
-      last = &p;
-      char *value = text_.data() + p.value;
-      QDtrace(8, "QDcache_load_direct_add_kw", "adding '%s' = '%s'", key, value);
-      keys_.push_back(key);
-      values_.push_back(value);
-    }
-    qdcache::AddFromPairs(alias_.data(), keys_.data(), values_.data(), keys_.size(), 1);
-    active_ = false;
-  }
+  int Run(int fd, const char *path);
 
  private:
-  struct Pair {
-    uint64_t prefix;      // the keyword's first bytes, ordered as strcmp orders them
-    uint32_t key, value;  // offsets in text_
+  struct Offer {
+    uint64_t prefix;  // the keyword's first bytes, ordered as strcmp orders them
+    char *key;
+    char *value;
   };
+  bool Read(devtab::Entry *out);
+  static void Merge(devtab::Entry *into, const devtab::Entry &more);
+  void Add(devtab::Entry *entry);
+  void OfferPair(const char *key, std::string *value);
   static uint64_t Prefix(const char *key) {
     uint64_t p = 0;
     for (int i = 0; i < 8; ++i) {
@@ -87,17 +48,103 @@ class Assembly {
     }
     return p;
   }
-  std::vector<char> alias_;
-  std::vector<char> text_;  // keyword and value of each pair, terminated
-  size_t used_ = 0;
-  std::vector<Pair> pairs_;
+
+  const char *path_ = "";
+  devtab::TableReader reader_;
+  std::unique_ptr<devtab::EntryStream> stream_;
+  devtab::Entry entries_[2];
+  std::vector<Offer> offers_;
   std::vector<char *> keys_, values_;
-  bool active_ = false;
 };
 
-void AddAssembled(Assembly *entry) {
+int DirectLoader::Run(int fd, const char *path) {
+  path_ = path;
+  reader_.Borrow(fd);
+  if (stream_ == nullptr)
+    stream_ = std::make_unique<devtab::EntryStream>(&reader_);
+  else
+    stream_->Restart();
+  devtab::Entry *current = &entries_[0], *next = &entries_[1];
+  bool have = Read(current);
+  while (have) {
+    have = Read(next);
+    if (have && next->alias == current->alias) {
+      Merge(current, *next);
+      continue;
+    }
+    Add(current);
+    std::swap(current, next);
+  }
+  reader_.Borrow(-1);
+  return 0;
+}
+
+// The next well-formed entry; malformed ones are reported and skipped, as
+// the table cursor does.
+bool DirectLoader::Read(devtab::Entry *out) {
+  devtab::RawEntry raw;
+  while (stream_->Next(&raw)) {
+    devtab::Defect d = devtab::ParseEntry(raw.text, out);
+    if (d == devtab::Defect::kNone) return true;
+    QDtrace(3, "ReferenceNextAttribute", "%s:%zu: %s; entry skipped", path_, raw.line, devtab::DefectText(d));
+  }
+  if (stream_->error() != 0)
+    QDtrace(3, "ReferenceNextAttribute", "%s: read failed: %s", path_, strerror(stream_->error()));
+  return false;
+}
+
+// A later entry of the same alias: its triples follow the first one's.
+void DirectLoader::Merge(devtab::Entry *into, const devtab::Entry &more) {
+  for (int f = 0; f < 3; ++f) {
+    devtab::Pair &p = into->AddPair();
+    p.name = devtab::kPositionalNames[f];
+    p.value = more.positional[f];
+  }
+  for (size_t i = 0; i < more.npairs; ++i) {
+    devtab::Pair &p = into->AddPair();
+    p.name = more.pairs[i].name;
+    p.value = more.pairs[i].value;
+  }
+}
+
+void DirectLoader::OfferPair(const char *key, std::string *value) {
+  if (key[0] == 'a' && strcmp(key, "alias") == 0) return;
+  if (value->empty() && (strcmp(key, "cdevice") == 0 || strcmp(key, "bdevice") == 0)) return;
+  offers_.push_back({Prefix(key), const_cast<char *>(key), &(*value)[0]});
+}
+
+// Adds the entry to the cache as the report tree and QDcache_addalias
+// would: keywords unique (first value kept) in descending order.
+void DirectLoader::Add(devtab::Entry *entry) {
   qdcache::Count(qdcache::kLoadDirectAdd);
-  entry->AddToCache();
+  offers_.clear();
+  for (int f = 0; f < 3; ++f) OfferPair(devtab::kPositionalNames[f], &entry->positional[f]);
+  for (size_t i = 0; i < entry->npairs; ++i) OfferPair(entry->pairs[i].name.c_str(), &entry->pairs[i].value);
+  // An insertion sort: entries have a dozen pairs, and it is stable, so
+  // that among pairs of one keyword the first stays first.
+  auto before = [](const Offer &a, const Offer &b) {
+    if (a.prefix != b.prefix) return a.prefix > b.prefix;
+    return strcmp(a.key, b.key) > 0;
+  };
+  for (size_t i = 1; i < offers_.size(); ++i) {
+    Offer o = offers_[i];
+    size_t j = i;
+    for (; j > 0 && before(o, offers_[j - 1]); --j) offers_[j] = offers_[j - 1];
+    offers_[j] = o;
+  }
+  keys_.clear();
+  values_.clear();
+  const Offer *last = nullptr;
+  bool trace = qd::Tracing(8);
+  for (const Offer &o : offers_) {
+    // The first value of a keyword stays.
+    if (last != nullptr && last->prefix == o.prefix && strcmp(last->key, o.key) == 0) continue;
+    last = &o;
+    if (trace) QDtrace(8, "QDcache_load_direct_add_kw", "adding '%s' = '%s'", o.key, o.value);
+    keys_.push_back(o.key);
+    values_.push_back(o.value);
+  }
+  qdcache::AddFromPairs(&entry->alias[0], keys_.data(), values_.data(), keys_.size(), 1);
 }
 
 // The cache as it was before a failed load: empty, free, hash released.
@@ -147,20 +194,8 @@ int QDcache_load_direct(void) {
     QDunlock_fp(QDREAD);
     return -1;
   }
-  static Assembly entry;
-  char *alias;
-  char *name;
-  char *value;
-  while (ReferenceNextAttribute(&alias, &name, &value) != KWL_END) {
-    if (!entry.SameAlias(alias)) {
-      if (entry.active()) AddAssembled(&entry);
-      entry.Start(alias);
-    }
-    if (name[0] == 'a' && strcmp(name, "alias") == 0) continue;
-    if (*value == '\0' && (strcmp(name, "cdevice") == 0 || strcmp(name, "bdevice") == 0)) continue;
-    entry.Offer(name, value);
-  }
-  if (entry.active()) AddAssembled(&entry);
+  static DirectLoader loader;
+  loader.Run(qdlock::file.fd, qdlock::file.file);
   QDunlock_fp(QDREAD);
   QDtrace(8, kModule, "QDcache_load_direct() complete");
   return 0;

@@ -56,6 +56,19 @@ void IndexUnlinked(oce *e, unsigned bucket) {
   }
 }
 
+// Links the entry into a chain behind `after`, counted; true when that is a
+// bucket's chain (the index must learn of it).
+bool Link(oce *after, oce *entry) {
+  entry->hnext = after->hnext;
+  entry->hprev = after;
+  after->hnext->hprev = entry;
+  after->hnext = entry;
+  entry->qd_chain = after->qd_chain;
+  if (entry->qd_chain == 0) return false;
+  ++qdcache::ChainLengths()[entry->qd_chain - 1];
+  return true;
+}
+
 // A zero-filled entry in the cache's memory.
 oce *NewEntry() {
   void *p = qdcache::Memory().Allocate(sizeof(oce));
@@ -188,8 +201,9 @@ void ReleaseEntry(oce *entry) {
   if (ObjectRecord *o = entry->objptr) {
     if (!memory.Owns(o->alias)) free(o->alias);
     // Lists laid out in the cache's memory free only what they grew.
-    if (o->attributes != nullptr) DestroyKeywordList(o->attributes);
-    if (o->methods != nullptr) DestroyKeywordList(o->methods);
+    for (KeywordList *list : {o->attributes, o->methods})
+      if (list != nullptr && (list->kwl_shared != pv::layout::kForeign || list->kwl_blocks != nullptr))
+        DestroyKeywordList(list);
     if (!memory.Owns(o)) free(o);
   }
   QDcache_oce_free(entry);
@@ -226,15 +240,7 @@ void QDcache_oce_deq(oce *entry) {
 }
 
 void QDcache_hash_enq(oce *after, oce *entry) {
-  entry->hnext = after->hnext;
-  entry->hprev = after;
-  after->hnext->hprev = entry;
-  after->hnext = entry;
-  entry->qd_chain = after->qd_chain;
-  if (entry->qd_chain != 0) {
-    ++qdcache::ChainLengths()[entry->qd_chain - 1];
-    IndexLinked(entry);
-  }
+  if (Link(after, entry)) IndexLinked(entry);
 }
 
 void QDcache_hash_deq(oce *entry) {
@@ -286,10 +292,20 @@ oce *QDcache_hash_lookup(const char *alias) {
 oce *QDcache_hash_searchadd(const char *alias, oce *entry) {
   Count(qdcache::kHashSearchadd);
   oce *head = QDcache_hash(alias);
-  if (qdcache::IndexSlot *slot = qdcache::Index().Find(alias)) return slot->first;
   unsigned walked = qdcache::ChainLengths()[head->qd_chain - 1];
-  if (entry == nullptr) entry = QDcache_oce_new();
-  QDcache_hash_enq(head->hprev, entry);
+  if (entry != nullptr && AliasOf(entry) == alias) {
+    // An object's own entry (every load and put): one probe finds the
+    // alias or makes its slot.
+    bool fresh = false;
+    qdcache::IndexSlot *slot = qdcache::Index().Insert(alias, entry, &fresh);
+    if (!fresh) return slot->first;
+    slot->chained = 1;
+    Link(head->hprev, entry);
+  } else {
+    if (qdcache::IndexSlot *slot = qdcache::Index().Find(alias)) return slot->first;
+    if (entry == nullptr) entry = QDcache_oce_new();
+    QDcache_hash_enq(head->hprev, entry);
+  }
   if (walked + 1 > qdcache_info[qdcache::kMaxHashChain]) qdcache_info[qdcache::kMaxHashChain] = walked + 1;
   return entry;
 }

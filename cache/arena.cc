@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 
 #include "qd.h"
 
@@ -19,7 +20,35 @@ constexpr size_t kPopulateStep = kHuge;
 
 size_t RoundUp(size_t n, size_t to) { return (n + to - 1) / to * to; }
 
+void *Map(size_t bytes) {
+  void *p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (p == MAP_FAILED) {
+    QDtrace(3, "QDcache", "QDcache: cannot map %lu bytes for cached objects", static_cast<unsigned long>(bytes));
+    exit(1);
+  }
+#ifdef MADV_HUGEPAGE
+  if (bytes >= kHuge) madvise(p, bytes, MADV_HUGEPAGE);
+#endif
+  return p;
+}
+
 }  // namespace
+
+void *MapZeroed(size_t bytes) {
+  void *p = Map(bytes);
+#ifdef MADV_POPULATE_WRITE
+  madvise(p, bytes, MADV_POPULATE_WRITE);
+#endif
+  return p;
+}
+
+void Unmap(void *p, size_t bytes) {
+  if (p != nullptr) munmap(p, bytes);
+}
+
+void Rezero(void *p, size_t bytes) {
+  if (bytes < kHuge || madvise(p, bytes, MADV_DONTNEED) != 0) memset(p, 0, bytes);
+}
 
 void *Arena::Allocate(size_t bytes) {
   bytes = (bytes + 7) & ~static_cast<size_t>(7);
@@ -49,14 +78,7 @@ void Arena::NewBlock(size_t at_least) {
   // Each block as big as all before it: few blocks, little left unused.
   size_t want = std::max({at_least, kMinBlock, mapped_});
   want = RoundUp(want, kHuge);
-  void *p = mmap(nullptr, want, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (p == MAP_FAILED) {
-    QDtrace(3, "QDcache", "QDcache: cannot map %lu bytes for cached objects", static_cast<unsigned long>(want));
-    exit(1);
-  }
-#ifdef MADV_HUGEPAGE
-  madvise(p, want, MADV_HUGEPAGE);
-#endif
+  void *p = Map(want);
   blocks_.push_back({static_cast<char *>(p), want});
   mapped_ += want;
   Enter(blocks_.size() - 1);

@@ -51,6 +51,14 @@ class Arena {
   size_t used_ = 0;
 };
 
+// Zeroed memory straight from the kernel, faulted in at once (in huge pages
+// when it fills them), for a table that is rebuilt rather than grown in
+// place; ends the process (status 1) when none can be had.
+void *MapZeroed(size_t bytes);
+void Unmap(void *p, size_t bytes);
+// Zeroes the range again, giving a big one's pages back to the kernel.
+void Rezero(void *p, size_t bytes);
+
 }  // namespace qdcache
 
 #endif

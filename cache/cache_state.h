@@ -8,7 +8,9 @@
 #ifndef QD_CACHE_STATE_H
 #define QD_CACHE_STATE_H
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include "arena.h"
@@ -55,12 +57,18 @@ struct IndexSlot {
 
 class AliasIndex {
  public:
+  AliasIndex() = default;
+  ~AliasIndex() { Unmap(slots_, capacity_ * sizeof(IndexSlot)); }
+  AliasIndex(const AliasIndex &) = delete;
+  AliasIndex &operator=(const AliasIndex &) = delete;
+
   IndexSlot *Find(const char *alias) const;
   // The slot of the alias; when absent it is added with `first` and
   // nothing chained.
   IndexSlot *Insert(const char *alias, oce *first, bool *fresh);
   // Drops the slot; its first entry must still carry the alias.
   void Erase(const char *alias);
+  // Empties the index; its room stays for the next load.
   void Clear();
 
  private:
@@ -68,7 +76,10 @@ class AliasIndex {
   static const char *Key(const IndexSlot &s);
   size_t Probe(const char *alias, uint32_t hash) const;  // its slot, or the empty one where it would go
   void Grow();
-  std::vector<IndexSlot> slots_;
+  // Mapped apart from the heap: a lookup lands anywhere in it, and in huge
+  // pages it costs no page walk per lookup.
+  IndexSlot *slots_ = nullptr;
+  size_t capacity_ = 0;
   size_t used_ = 0;
 };
 AliasIndex &Index();
@@ -139,6 +150,35 @@ oce *AddFromPairs(const char *alias, char *const *keys, char *const *values, siz
 
 // Frees what an entry owns that does not lie in the cache's memory.
 void ReleaseEntry(oce *entry);
+
+// Text that grows to what it is asked to hold, kept from use to use.
+class TextBuffer {
+ public:
+  void clear() { used_ = 0; }
+  size_t size() const { return used_; }
+  bool empty() const { return used_ == 0; }
+  const char *data() const { return data_.data(); }
+  void Put(char c) {
+    if (used_ == data_.size()) Reserve(1);
+    data_[used_++] = c;
+  }
+  void Put(const char *s, size_t n) {
+    if (n == 0) return;  // an unused buffer has no storage to copy into
+    if (used_ + n > data_.size()) Reserve(n);
+    memcpy(data_.data() + used_, s, n);
+    used_ += n;
+  }
+
+ private:
+  void Reserve(size_t n) { data_.resize(std::max(data_.size() * 2, used_ + n + 4096)); }
+  std::vector<char> data_;
+  size_t used_ = 0;
+};
+
+// Appends the entry as QDcache_flush_put writes it, but leaves its lists as
+// they are (the flush frees them right after); false, with nothing to be
+// kept, when a list is not valid.
+bool AppendEntry(TextBuffer *out, const char *alias, KeywordList *attributes, KeywordList *methods);
 
 }  // namespace qdcache
 

@@ -116,8 +116,11 @@ fault commalist-prefix-matches pv/commalist.cc 'return ForEachItem(text, [want](
 fault format-colon-unescaped pv/devtab_format.cc 'AppendEscaped(out, value, ":\\\"\n");' 'AppendEscaped(out, value, "\\\"\n");'
 fault format-escaped-newline-ends-entry pv/devtab_format.cc 'return (run & 1) != 0;' 'return false;'
 fault format-comment-guard-lost pv/devtab_format.cc 'if (!alias.empty() && (alias[0] == '"'"'#'"'"' || IsBlank(alias[0]) || alias[0] == '"'"'\r'"'"'))' 'if (false)'
-fault writer-quote-kept cache/QDcache_format.cc 'AppendEscaped(&buffer, value, '"'"'"'"'"');' 'AppendEscaped(&buffer, value, -1);'
-fault writer-positional-kept-as-pair cache/QDcache_format.cc 'if (status[i] == KWL_OK) RemoveKeywordFmList(attributes, kPositional[i]);' ';'
+fault writer-quote-kept cache/QDcache_format.cc 'AppendEscaped(out, value, '"'"'"'"'"');' 'AppendEscaped(out, value, -1);'
+fault writer-positional-kept-as-pair cache/QDcache_format.cc 'if (p.Taken(i)) RemoveKeywordFmList(attributes, kPositional[i]);' ';'
+fault flush-positional-written-twice cache/QDcache_format.cc 'if (i >= 0 && p.Taken(i)) continue;' ';'
+fault flush-methods-blank-lost cache/QDcache_format.cc 'blank = attributes != nullptr;' 'blank = false;'
+fault writer-positional-no-value-taken cache/QDcache_format.cc 'p.status[i] = pv::layout::NoValue(k) ? KWL_WARN : KWL_OK;' 'p.status[i] = KWL_OK;'
 fault writer-strlenesc-miscounts cache/QDcache_format.cc 'for (; *s; ++s) n += Special(*s) ? 2 : 1;' 'for (; *s; ++s) n += 1;'
 # The cursor over the table file
 fault cursor-positional-order pv/cursor.cc 'if (f < 3) {' 'if (f < 2) {'
@@ -171,13 +174,18 @@ fault index-second-entry-wins cache/QDcache_store.cc 'if (hashed != e) {
 fault store-stamp-ignored cache/QDcache_store.cc 'if (stamps.touched == nullptr && strcmp(keys[i], "ObjTimestamp") == 0) stamps.touched = values[i];' ';'
 fault kwlist-frees-foreign-header pv/kwlist.cc 'if (list->kwl_shared != kForeign) free(list);' 'free(list);'
 fault arena-reuse-restarts-first-block cache/arena.cc 'size_t i = next_ == nullptr ? 0 : current_ + 1;' 'size_t i = 0;'
+fault free-removals-uncounted cache/QDcache_flush.cc 'qdcache_info[qdcache::kRmobj] += removed;' ';'
+fault index-duplicate-alias-relinked cache/QDcache_store.cc 'if (!fresh) return slot->first;' ';'
 fault store-values-not-cleaned cache/QDcache_store.cc 'if (static_cast<signed char>(*p) < 32 || *p == 127) *p = '"'"' '"'"';' ';'
 # Load and flush order
-fault load-keeps-last-value cache/QDcache_load.cc 'if (last != nullptr && last->prefix == p.prefix && strcmp(text + last->key, key) == 0) continue;' 'if (last != nullptr && last->prefix == p.prefix && strcmp(text + last->key, key) == 0) { keys_.pop_back(); values_.pop_back(); }'
+fault load-keeps-last-value cache/QDcache_load.cc 'if (last != nullptr && last->prefix == o.prefix && strcmp(last->key, o.key) == 0) continue;' 'if (last != nullptr && last->prefix == o.prefix && strcmp(last->key, o.key) == 0) { keys_.pop_back(); values_.pop_back(); }'
 fault load-ascending-order cache/QDcache_load.cc 'if (a.prefix != b.prefix) return a.prefix > b.prefix;
-      return strcmp(text + a.key, text + b.key) > 0;' 'if (a.prefix != b.prefix) return a.prefix < b.prefix;
-      return strcmp(text + a.key, text + b.key) < 0;'
-fault load-empty-cdevice-kept cache/QDcache_load.cc 'if (*value == '"'"'\0'"'"' && (strcmp(name, "cdevice") == 0 || strcmp(name, "bdevice") == 0)) continue;' ';'
+    return strcmp(a.key, b.key) > 0;' 'if (a.prefix != b.prefix) return a.prefix < b.prefix;
+    return strcmp(a.key, b.key) < 0;'
+fault load-empty-cdevice-kept cache/QDcache_load.cc 'if (value->empty() && (strcmp(key, "cdevice") == 0 || strcmp(key, "bdevice") == 0)) return;' ';'
+fault load-alias-pair-kept cache/QDcache_load.cc 'if (key[0] == '"'"'a'"'"' && strcmp(key, "alias") == 0) return;' ';'
+fault load-same-alias-split cache/QDcache_load.cc 'if (have && next->alias == current->alias) {' 'if (false) {'
+fault load-merged-positional-dropped cache/QDcache_load.cc 'p.value = more.positional[f];' 'continue;'
 fault flush-forward-order cache/QDcache_flush.cc 'for (oce *e = qdcache_ocp->prev; e != qdcache_ocp;) {
     oce *prev = e->prev;' 'for (oce *e = qdcache_ocp->next; e != qdcache_ocp;) {
     oce *prev = e->next;'
