@@ -29,8 +29,10 @@ bool flushing = false;  // set while a flush runs
 class TableWriter {
  public:
   explicit TableWriter(devtab::Replacement *replacement) : replacement_(replacement) { text_.clear(); }
-  bool Add(const ObjectRecord *o) {
-    if (!qdcache::AppendEntry(&text_, o->alias, o->attributes, o->methods)) return false;
+  bool Add(const oce *e) {
+    char stamp[32];
+    bool stamped = qdcache::AccessStampText(e, stamp);
+    if (!qdcache::AppendEntry(&text_, e->objptr, stamped ? stamp : nullptr)) return false;
     return text_.size() < kPiece || Drain();
   }
   bool Drain() {
@@ -128,11 +130,13 @@ int QDcache_flush(void) {
   int result = 0;
   for (oce *e = qdcache_ocp->prev; e != qdcache_ocp;) {
     oce *prev = e->prev;
+    qdcache::Prefetch(prev);
     QDtrace(8, kModule, "Flush object '%s'", e->objptr->alias);
     if (direct) {
       QDtrace(8, kModule, "Direct save on");
-      QDcache_set_accesstime_attr(e);
-      if (!writer->Add(e->objptr)) {
+      // The stamp goes into the text only, as QDcache_set_accesstime_attr
+      // would put it into the attributes just before they are written.
+      if (!writer->Add(e)) {
         result = -1;
         break;
       }
@@ -175,6 +179,7 @@ void QDcache_free(void) {
   unsigned int removed = 0;
   for (oce *e = qdcache_ocp->next; e != qdcache_ocp; ++removed) {
     oce *next = e->next;
+    qdcache::Prefetch(next);
     qdcache::ReleaseEntry(e);
     e = next;
   }

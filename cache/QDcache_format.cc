@@ -203,16 +203,22 @@ int QDcache_flush_put(const char *alias, KeywordList *attributes, KeywordList *m
 
 namespace qdcache {
 
-bool AppendEntry(TextBuffer *out, const char *alias, KeywordList *attributes, KeywordList *methods) {
+bool AppendEntry(TextBuffer *out, const ObjectRecord *object, const char *stamp) {
+  const KeywordList *attributes = object->attributes, *methods = object->methods;
   if ((attributes != nullptr && !Live(attributes)) || (methods != nullptr && !Live(methods))) return false;
   Positionals p = FindPositionals(attributes);
-  AppendHead(out, alias, p);
+  AppendHead(out, object->alias, p);
   bool blank = false;
   if (attributes != nullptr) {
     for (const KeywordEntry *k = attributes->kwl_first; k != nullptr; k = k->next) {
       int i = Positionals::Which(k->keyword);
       if (i >= 0 && p.Taken(i)) continue;  // written in the head, removed from the list
+      if (stamp != nullptr && k->keyword[0] == 'O' && strcmp(k->keyword, "ObjTimestamp") == 0) continue;
       AppendPair(out, k->keyword, ValueOf(k), blank);
+      blank = true;
+    }
+    if (stamp != nullptr) {
+      AppendPair(out, "ObjTimestamp", stamp, blank);
       blank = true;
     }
   }

@@ -29,7 +29,22 @@ bool SetStampAttr(oce *entry, const struct tm &stamp, const char *keyword) {
   return true;
 }
 
+void TraceStamped(const oce *entry) {
+  QDtrace(8, kModule, "QDcache_set_accesstime_attr:  object '%s' stamped", entry->objptr->alias);
+}
+
 }  // namespace
+
+namespace qdcache {
+
+bool AccessStampText(const oce *entry, char text[32]) {
+  if (entry->accesstime.tm_mday == 0) return false;
+  QDtm2value(entry->accesstime, text);
+  TraceStamped(entry);
+  return true;
+}
+
+}  // namespace qdcache
 
 extern "C" {
 
@@ -44,8 +59,7 @@ void QDcache_touch_obj(oce *entry) {
 }
 
 void QDcache_set_accesstime_attr(oce *entry) {
-  if (SetStampAttr(entry, entry->accesstime, "ObjTimestamp"))
-    QDtrace(8, kModule, "QDcache_set_accesstime_attr:  object '%s' stamped", entry->objptr->alias);
+  if (SetStampAttr(entry, entry->accesstime, "ObjTimestamp")) TraceStamped(entry);
 }
 
 void QDcache_set_modifytime_attr(oce *entry) {

@@ -148,6 +148,14 @@ bool Flushing();
 oce *AddFromPairs(const char *alias, char *const *keys, char *const *values, size_t n,
                   unsigned char status);
 
+// Asks for the memory of an entry that a walk of the queue takes next, while
+// it works on this one: an object laid out by a load lies in one piece,
+// entry, record, alias and lists, which a walk meets cold.
+inline void Prefetch(const oce *entry) {
+  const char *p = reinterpret_cast<const char *>(entry);
+  for (int line = 0; line < 8; ++line) __builtin_prefetch(p + 64 * line);
+}
+
 // Frees what an entry owns that does not lie in the cache's memory.
 void ReleaseEntry(oce *entry);
 
@@ -175,10 +183,16 @@ class TextBuffer {
   size_t used_ = 0;
 };
 
-// Appends the entry as QDcache_flush_put writes it, but leaves its lists as
-// they are (the flush frees them right after); false, with nothing to be
-// kept, when a list is not valid.
-bool AppendEntry(TextBuffer *out, const char *alias, KeywordList *attributes, KeywordList *methods);
+// The ObjTimestamp text QDcache_set_accesstime_attr would give the entry,
+// traced as it traces; false when it would change nothing.
+bool AccessStampText(const oce *entry, char text[32]);
+
+// Appends the entry as QDcache_flush_put writes it, with `stamp` (unless
+// null) as the ObjTimestamp that QDcache_set_accesstime_attr would have
+// put last among the attributes, but leaves its lists as they are (the
+// flush frees them right after); false, with nothing to be kept, when a
+// list is not valid.
+bool AppendEntry(TextBuffer *out, const ObjectRecord *object, const char *stamp);
 
 }  // namespace qdcache
 
