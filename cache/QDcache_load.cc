@@ -35,6 +35,7 @@ class DirectLoader {
     uint64_t prefix;  // the keyword's first bytes, ordered as strcmp orders them
     char *key;
     char *value;
+    size_t length;  // the value's
   };
   bool Read(devtab::Entry *out);
   static void Merge(devtab::Entry *into, const devtab::Entry &more);
@@ -55,6 +56,7 @@ class DirectLoader {
   devtab::Entry entries_[2];
   std::vector<Offer> offers_;
   std::vector<char *> keys_, values_;
+  std::vector<size_t> lengths_;
 };
 
 int DirectLoader::Run(int fd, const char *path) {
@@ -110,13 +112,14 @@ void DirectLoader::Merge(devtab::Entry *into, const devtab::Entry &more) {
 void DirectLoader::OfferPair(const char *key, std::string *value) {
   if (key[0] == 'a' && strcmp(key, "alias") == 0) return;
   if (value->empty() && (strcmp(key, "cdevice") == 0 || strcmp(key, "bdevice") == 0)) return;
-  offers_.push_back({Prefix(key), const_cast<char *>(key), &(*value)[0]});
+  offers_.push_back({Prefix(key), const_cast<char *>(key), &(*value)[0], value->size()});
 }
 
 // Adds the entry to the cache as the report tree and QDcache_addalias
 // would: keywords unique (first value kept) in descending order.
 void DirectLoader::Add(devtab::Entry *entry) {
   qdcache::Count(qdcache::kLoadDirectAdd);
+  qdcache::Index().Prefetch(entry->alias.c_str());  // wanted once the object is laid out
   offers_.clear();
   for (int f = 0; f < 3; ++f) OfferPair(devtab::kPositionalNames[f], &entry->positional[f]);
   for (size_t i = 0; i < entry->npairs; ++i) OfferPair(entry->pairs[i].name.c_str(), &entry->pairs[i].value);
@@ -134,6 +137,7 @@ void DirectLoader::Add(devtab::Entry *entry) {
   }
   keys_.clear();
   values_.clear();
+  lengths_.clear();
   const Offer *last = nullptr;
   bool trace = qd::Tracing(8);
   for (const Offer &o : offers_) {
@@ -143,8 +147,9 @@ void DirectLoader::Add(devtab::Entry *entry) {
     if (trace) QDtrace(8, "QDcache_load_direct_add_kw", "adding '%s' = '%s'", o.key, o.value);
     keys_.push_back(o.key);
     values_.push_back(o.value);
+    lengths_.push_back(o.length);
   }
-  qdcache::AddFromPairs(&entry->alias[0], keys_.data(), values_.data(), keys_.size(), 1);
+  qdcache::AddFromPairs(&entry->alias[0], keys_.data(), values_.data(), lengths_.data(), keys_.size(), 1);
 }
 
 // The cache as it was before a failed load: empty, free, hash released.

@@ -129,6 +129,24 @@ oce *Enter(oce *e, ObjectRecord *object, unsigned char status, const Stamps &sta
   return hashed;
 }
 
+// Blanks every byte outside 32 to 126 (from 128 up included) of the n bytes
+// at v, in place. Most values hold none: eight bytes are looked at a step.
+void CleanValue(char *v, size_t n) {
+  constexpr uint64_t k01 = 0x0101010101010101ULL, k80 = 0x8080808080808080ULL;
+  size_t i = 0;
+  for (; i + 8 <= n; i += 8) {
+    uint64_t w;
+    memcpy(&w, v + i, 8);
+    uint64_t del = w ^ (0x7f * k01);
+    // A byte from 128 up, a byte below 32, a byte 127 (each test exact for
+    // whether any byte of the word is one).
+    if (((w & k80) | ((w - 0x20 * k01) & ~w & k80) | ((del - k01) & ~del & k80)) == 0) continue;
+    break;
+  }
+  for (char *p = v + i, *end = v + n; p < end; ++p)
+    if (static_cast<signed char>(*p) < 32 || *p == 127) *p = ' ';
+}
+
 // One pair as the layout wants it: lengths with terminators.
 struct PairSize {
   size_t key, value;
@@ -154,8 +172,8 @@ void LayLists(char *attributes_at, char *methods_at, char *const *keys, char *co
 
 namespace qdcache {
 
-oce *AddFromPairs(const char *alias, char *const *keys, char *const *values, size_t n,
-                  unsigned char status) {
+oce *AddFromPairs(const char *alias, char *const *keys, char *const *values, const size_t *value_lengths,
+                  size_t n, unsigned char status) {
   using pv::layout::Align;
   using pv::layout::EntrySize;
   using pv::layout::ListSize;
@@ -166,11 +184,10 @@ oce *AddFromPairs(const char *alias, char *const *keys, char *const *values, siz
   size_t room[2] = {0, 0};  // attributes, methods
   Stamps stamps;            // the first of each, as a lookup finds them
   for (size_t i = 0; i < n; ++i) {
-    char *p = values[i];
-    for (; *p; ++p)
-      if (static_cast<signed char>(*p) < 32 || *p == 127) *p = ' ';
+    size_t vlen = value_lengths != nullptr ? value_lengths[i] : strlen(values[i]);
+    CleanValue(values[i], vlen);
     size_t klen = strlen(keys[i]);
-    sizes[i] = {klen + 1, static_cast<size_t>(p - values[i]) + 1, IsMethod(keys[i], static_cast<int>(klen)) != 0};
+    sizes[i] = {klen + 1, vlen + 1, IsMethod(keys[i], static_cast<int>(klen)) != 0};
     room[sizes[i].method] += EntrySize(sizes[i].key, sizes[i].value);
     if (keys[i][0] == 'O' && !sizes[i].method) {
       if (stamps.touched == nullptr && strcmp(keys[i], "ObjTimestamp") == 0) stamps.touched = values[i];
@@ -324,7 +341,7 @@ oce *QDcache_addalias(const char *alias, KeywordList *pairs, unsigned char statu
     keys.push_back(kw);
     values.push_back(value);
   }
-  return qdcache::AddFromPairs(alias, keys.data(), values.data(), keys.size(), status);
+  return qdcache::AddFromPairs(alias, keys.data(), values.data(), nullptr, keys.size(), status);
 }
 
 void QDcache_rmobj(oce *entry) {

@@ -63,6 +63,11 @@ class AliasIndex {
   AliasIndex &operator=(const AliasIndex &) = delete;
 
   IndexSlot *Find(const char *alias) const;
+  // Asks for the memory where the alias's slot lies: an insert or a lookup
+  // soon after finds it at hand.
+  void Prefetch(const char *alias) const {
+    if (capacity_ != 0) __builtin_prefetch(&slots_[Hash(alias) & (capacity_ - 1)]);
+  }
   // The slot of the alias; when absent it is added with `first` and
   // nothing chained.
   IndexSlot *Insert(const char *alias, oce *first, bool *fresh);
@@ -145,8 +150,8 @@ bool Flushing();
 // cleaned in place): the object is laid out in the cache's memory in one
 // piece, entry, record, alias and both lists. The direct loader hands its
 // assembled entry straight to it, without building a keyword list first.
-oce *AddFromPairs(const char *alias, char *const *keys, char *const *values, size_t n,
-                  unsigned char status);
+oce *AddFromPairs(const char *alias, char *const *keys, char *const *values, const size_t *value_lengths,
+                  size_t n, unsigned char status);
 
 // Asks for the memory of an entry that a walk of the queue takes next, while
 // it works on this one: an object laid out by a load lies in one piece,
