@@ -80,20 +80,20 @@ void QDcache_update_obj(oce *entry) {
 
 int QDcache_hook_UnitProp(const char *alias, const char *name, char *value) {
   Count(qdcache::kHookUnitProp);
-  QDtrace(8, kModule, "QDcache_UnitProp '%s', '%s'", alias, name);
+  QD_TRACE(8, kModule, "QDcache_UnitProp '%s', '%s'", alias, name);
   oce *e = QDcache_find_alias(alias);
   if (e == nullptr) {
-    QDtrace(8, kModule, "QDcache_UnitProp '%s', not found\n", alias);
+    QD_TRACE(8, kModule, "QDcache_UnitProp '%s', not found\n", alias);
     return -1;
   }
   char *kw;
   char *found;
   if (ReferenceKeywordInList(e->objptr->attributes, name, &kw, &found) == 0) {
-    QDtrace(8, kModule, "QDcache_UnitProp '%s', '%s', Attributes value is '%s'", alias, name, found);
+    QD_TRACE(8, kModule, "QDcache_UnitProp '%s', '%s', Attributes value is '%s'", alias, name, found);
   } else if (ReferenceKeywordInList(e->objptr->methods, name, &kw, &found) == 0) {
-    QDtrace(8, kModule, "QDcache_UnitProp '%s', '%s', Methods value '%s'", alias, name, found);
+    QD_TRACE(8, kModule, "QDcache_UnitProp '%s', '%s', Methods value '%s'", alias, name, found);
   } else {
-    QDtrace(8, kModule, "QDcache_UnitProp '%s', '%s' not found\n", alias, name);
+    QD_TRACE(8, kModule, "QDcache_UnitProp '%s', '%s' not found\n", alias, name);
     return -1;
   }
   // Values in the cache come from the table, which allows longer ones than

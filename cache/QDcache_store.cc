@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "cache_state.h"
+#include "front.h"
 #include "kwlist_layout.h"
 
 using qdcache::Count;
@@ -99,21 +100,21 @@ oce *Enter(oce *e, ObjectRecord *object, unsigned char status, const Stamps &sta
   if ((status & (OCE_ACTIVE | OCE_UPDATED)) == (OCE_ACTIVE | OCE_UPDATED)) {
     e->status = status;
     e->accesstime = e->modifytime = QDtimestamp;
-    QDtrace(8, kModule, "Object added (new):      %s", alias);
+    QD_TRACE(8, kModule, "Object added (new):      %s", alias);
   } else {
     const char *value = stamps.touched;
     if (value == nullptr) {
       e->status = static_cast<unsigned char>(status | OCE_ACTIVE);
       QDzerotimestamp(&e->accesstime);
       QDzerotimestamp(&e->modifytime);
-      QDtrace(8, kModule, "Object added (original): %s", alias);
+      QD_TRACE(8, kModule, "Object added (original): %s", alias);
     } else {
       e->status = static_cast<unsigned char>(status & ~OCE_ACTIVE);
       e->accesstime = QDvalue2tm(value);
-      QDtrace(8, kModule, "Object added (stale):    %s", alias);
-      QDtrace(8, kModule, "        Last touched:    %s", value);
+      QD_TRACE(8, kModule, "Object added (stale):    %s", alias);
+      QD_TRACE(8, kModule, "        Last touched:    %s", value);
       if ((value = stamps.modified) != nullptr) {
-        QDtrace(8, kModule, "       Last modified:    %s", value);
+        QD_TRACE(8, kModule, "       Last modified:    %s", value);
         e->modifytime = QDvalue2tm(value);
       } else {
         e->modifytime = e->accesstime;
@@ -178,7 +179,7 @@ oce *AddFromPairs(const char *alias, char *const *keys, char *const *values, con
   using pv::layout::EntrySize;
   using pv::layout::ListSize;
   Count(kAddalias);
-  QDtrace(8, kModule, "QDcache_addalias '%s'", alias);
+  QD_TRACE(8, kModule, "QDcache_addalias '%s'", alias);
   static std::vector<PairSize> sizes;
   sizes.resize(n);
   size_t room[2] = {0, 0};  // attributes, methods

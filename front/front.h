@@ -20,6 +20,16 @@ Fn FrameworkFunction(const char *symbol) {
 // this before building a trace's arguments or making the call at all.
 inline bool Tracing(int level) { return level == vcel_explicit_level || level <= vcel_verbose_level; }
 
+}  // namespace qd
+
+// QDtrace on a hot path: nothing is called unless the line would be produced.
+#define QD_TRACE(level, ...)                              \
+  do {                                                    \
+    if (qd::Tracing(level)) QDtrace((level), __VA_ARGS__); \
+  } while (0)
+
+namespace qd {
+
 // True when the front may hand an alias straight to libPV: the cache is on
 // and the alias is served here.
 inline bool CacheShortCut(const char *alias) { return qdcache_on != 0 && IsLocalAlias(alias); }
