@@ -40,13 +40,14 @@ class DirectLoader {
   bool Read(devtab::Entry *out);
   static void Merge(devtab::Entry *into, const devtab::Entry &more);
   void Add(devtab::Entry *entry);
-  void OfferPair(const char *key, std::string *value);
-  static uint64_t Prefix(const char *key) {
+  void OfferPair(const char *key, size_t length, std::string *value);
+  // The first eight bytes (zeros from the terminator on), first byte highest.
+  static uint64_t Prefix(const char *key, size_t length) {
     uint64_t p = 0;
-    for (int i = 0; i < 8; ++i) {
-      p = p << 8 | static_cast<unsigned char>(*key);
-      if (*key != '\0') ++key;
-    }
+    memcpy(&p, key, strnlen(key, std::min<size_t>(length, 8)));
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    p = __builtin_bswap64(p);
+#endif
     return p;
   }
 
@@ -109,10 +110,10 @@ void DirectLoader::Merge(devtab::Entry *into, const devtab::Entry &more) {
   }
 }
 
-void DirectLoader::OfferPair(const char *key, std::string *value) {
+void DirectLoader::OfferPair(const char *key, size_t length, std::string *value) {
   if (key[0] == 'a' && strcmp(key, "alias") == 0) return;
   if (value->empty() && (strcmp(key, "cdevice") == 0 || strcmp(key, "bdevice") == 0)) return;
-  offers_.push_back({Prefix(key), const_cast<char *>(key), &(*value)[0], value->size()});
+  offers_.push_back({Prefix(key, length), const_cast<char *>(key), &(*value)[0], value->size()});
 }
 
 // Adds the entry to the cache as the report tree and QDcache_addalias
@@ -121,8 +122,12 @@ void DirectLoader::Add(devtab::Entry *entry) {
   qdcache::Count(qdcache::kLoadDirectAdd);
   qdcache::Index().Prefetch(entry->alias.c_str());  // wanted once the object is laid out
   offers_.clear();
-  for (int f = 0; f < 3; ++f) OfferPair(devtab::kPositionalNames[f], &entry->positional[f]);
-  for (size_t i = 0; i < entry->npairs; ++i) OfferPair(entry->pairs[i].name.c_str(), &entry->pairs[i].value);
+  for (int f = 0; f < 3; ++f)
+    OfferPair(devtab::kPositionalNames[f], strlen(devtab::kPositionalNames[f]), &entry->positional[f]);
+  for (size_t i = 0; i < entry->npairs; ++i) {
+    devtab::Pair &p = entry->pairs[i];
+    OfferPair(p.name.c_str(), p.name.size(), &p.value);
+  }
   // An insertion sort: entries have a dozen pairs, and it is stable, so
   // that among pairs of one keyword the first stays first.
   auto before = [](const Offer &a, const Offer &b) {
