@@ -16,11 +16,14 @@ constexpr size_t kPairBuffer = 4096;
 
 using qdcache::TextBuffer;
 
-// The characters that take a backslash: colon, backslash, double quote, newline.
+// The characters that take a backslash: colon, backslash, double quote,
+// newline; `stop` also holds the terminator, where a scan ends too.
 struct SpecialTable {
   bool special[256] = {};
+  bool stop[256] = {};
   SpecialTable() {
-    for (unsigned char c : {':', '\\', '"', '\n'}) special[c] = true;
+    for (unsigned char c : {':', '\\', '"', '\n'}) special[c] = stop[c] = true;
+    stop[0] = true;
   }
 };
 const SpecialTable kSpecial;
@@ -37,14 +40,15 @@ TextBuffer &PairBuffer() {
 }
 
 // Appends s with its special characters escaped, leaving out the character
-// `omit` (none when it is -1). Most strings hold no special character at
-// all: they are found in runs and copied whole.
-void AppendEscaped(TextBuffer *out, const char *s, int omit) {
+// `omit` (none when it is -1), and returns where s ends. Most strings are
+// short and hold no special character at all: they are scanned in place and
+// copied whole.
+const char *AppendEscaped(TextBuffer *out, const char *s, int omit) {
   for (;;) {
-    size_t run = strcspn(s, ":\\\"\n");
-    out->Put(s, run);
-    s += run;
-    if (*s == '\0') return;
+    const char *run = s;
+    while (!kSpecial.stop[static_cast<unsigned char>(*s)]) ++s;
+    out->Put(run, static_cast<size_t>(s - run));
+    if (*s == '\0') return s;
     if (omit < 0 || *s != static_cast<char>(omit)) {
       char pair[2] = {'\\', *s};
       out->Put(pair, 2);
@@ -105,6 +109,15 @@ void AppendPair(TextBuffer *out, const char *kw, const char *value, bool blank) 
   AppendEscaped(out, kw, -1);
   out->Put("=\"", 2);
   AppendEscaped(out, value, '"');
+  out->Put('"');
+}
+
+// A pair of a list entry, its value found where the keyword's scan ended.
+void AppendEntryPair(TextBuffer *out, const KeywordEntry *k, bool blank) {
+  if (blank) out->Put(' ');
+  const char *end = AppendEscaped(out, k->keyword, -1);
+  out->Put("=\"", 2);
+  AppendEscaped(out, end + 1, '"');
   out->Put('"');
 }
 
@@ -214,7 +227,7 @@ bool AppendEntry(TextBuffer *out, const ObjectRecord *object, const char *stamp)
       int i = Positionals::Which(k->keyword);
       if (i >= 0 && p.Taken(i)) continue;  // written in the head, removed from the list
       if (stamp != nullptr && k->keyword[0] == 'O' && strcmp(k->keyword, "ObjTimestamp") == 0) continue;
-      AppendPair(out, k->keyword, ValueOf(k), blank);
+      AppendEntryPair(out, k, blank);
       blank = true;
     }
     if (stamp != nullptr) {
@@ -225,7 +238,7 @@ bool AppendEntry(TextBuffer *out, const ObjectRecord *object, const char *stamp)
   if (methods != nullptr) {
     blank = attributes != nullptr;
     for (const KeywordEntry *k = methods->kwl_first; k != nullptr; k = k->next) {
-      AppendPair(out, k->keyword, ValueOf(k), blank);
+      AppendEntryPair(out, k, blank);
       blank = true;
     }
   }
