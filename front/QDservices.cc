@@ -133,9 +133,13 @@ int IsAlias(const char *name, int length) {
 
 int IsMethod(const char *name, int length) {
   if (name == nullptr || length <= 0) return 0;
-  std::string_view s(name, strnlen(name, static_cast<size_t>(length)));
-  return s.find("cmd") != std::string_view::npos || s.find("func") != std::string_view::npos ? 1
-                                                                                              : 0;
+  // One pass over a short name, as every query of a value asks this first.
+  for (int i = 0; i < length && name[i] != '\0'; ++i) {
+    if (name[i] == 'c' && i + 2 < length && name[i + 1] == 'm' && name[i + 2] == 'd') return 1;
+    if (name[i] == 'f' && i + 3 < length && name[i + 1] == 'u' && name[i + 2] == 'n' && name[i + 3] == 'c')
+      return 1;
+  }
+  return 0;
 }
 
 }  // extern "C"

@@ -93,7 +93,7 @@ summary() {
 # faults that its own tests must catch.
 faults() {
 # Front and services
-fault method-name-misses-func front/QDservices.cc 's.find("func")' 's.find("fnc")'
+fault method-name-misses-func front/QDservices.cc 'if (name[i] == '"'"'f'"'"' && i + 3 < length' 'if (name[i] == '"'"'F'"'"' && i + 3 < length'
 fault error-module-not-cut front/QDservices.cc 'if (dot != std::string::npos) name.resize(dot);' ';'
 fault command-exit-status-lost front/QDservices.cc 'int result = term_status != 0 ? -1 : exit_status;' 'int result = term_status != 0 ? -1 : 0;'
 fault command-word-unquoted front/command.cc 'if (plain) {
