@@ -77,8 +77,8 @@ TEST_F(Store, StatusStampsAndCleanedValuesFromThePairs) {
   EXPECT_EQ(fresh->accesstime.tm_year + fresh->modifytime.tm_year, 240);
   KeywordList *list = List({{"desc", "tab\there\nand\x7f\xe9"}, {"upcmd", "ifconfig up"}, {"statfunc", "s"}});
   oce *e = QDcache_addalias("net0", list, 1);
-  EXPECT_EQ(Pairs(e->objptr->attributes), (std::map<std::string, std::string>{{"desc", "tab here and  "}}));
-  EXPECT_EQ(Pairs(list)["desc"], "tab here and  ") << "cleaned in the caller's list too";
+  EXPECT_EQ(pvtest::All(e->objptr->attributes), (pvtest::Pairs{{"desc", "tab here and  "}}));
+  EXPECT_EQ(pvtest::All(list)[0].second, "tab here and  ") << "cleaned in the caller's list too";
   EXPECT_EQ(NumberOfKeywords(e->objptr->methods), 2);
   DestroyKeywordList(list);
 }
@@ -111,9 +111,7 @@ using V = std::vector<std::string>;
 
 V Keys(KeywordList *list) {
   V keys;
-  list->kwl_cursor = list->kwl_first;
-  char *kw, *value;
-  while (ReferenceNextKeywordInList(list, &kw, &value) != KWL_END) keys.push_back(kw);
+  for (const auto &p : pvtest::All(list)) keys.push_back(p.first);
   return keys;
 }
 
@@ -217,7 +215,7 @@ TEST_F(Hooks, PutsCreateTouchOrUpdateArchivingTheOldObjectOnce) {
   ASSERT_EQ(Put("net9", List({{"class", "network"}, {"upcmd", "ifconfig net9 up"}})), 0);
   oce *e = QDcache_find_alias("net9");
   EXPECT_EQ(e->status, OCE_ACTIVE | OCE_UPDATED);
-  EXPECT_EQ(Pairs(e->objptr->methods), (std::map<std::string, std::string>{{"upcmd", "ifconfig net9 up"}}));
+  EXPECT_EQ(pvtest::All(e->objptr->methods), (pvtest::Pairs{{"upcmd", "ifconfig net9 up"}}));
   EXPECT_EQ(e->accesstime.tm_year, 126);
   ASSERT_EQ(Put("tape0", List({{"class", "tape"}, {"state", "online"}})), 0);  // unchanged: only touched
   EXPECT_EQ(QDcache_find_alias("tape0")->status, OCE_ACTIVE);
@@ -238,16 +236,15 @@ TEST_F(Hooks, PutsCreateTouchOrUpdateArchivingTheOldObjectOnce) {
 // and over grows them into blocks of their own and packs them, and neither
 // loses or corrupts a pair (run under ASan in the check build).
 TEST_F(Hooks, ObjectsChangedOverAndOverKeepEveryPair) {
-  std::map<std::string, std::string> before = Pairs(QDcache_find_alias("disk1")->objptr->attributes);
   for (int i = 0; i < 3000; ++i) {
     std::string value(static_cast<size_t>(i % 200), static_cast<char>('a' + i % 26));
     ASSERT_EQ(Put("disk1", List({{"state", value.c_str()}, {"scratch", std::to_string(i).c_str()}})), 0);
     if (i % 3 == 0) RemoveKeywordFmList(QDcache_find_alias("disk1")->objptr->attributes, "scratch");
   }
-  std::map<std::string, std::string> after = Pairs(QDcache_find_alias("disk1")->objptr->attributes);
-  EXPECT_EQ(after["state"], std::string(2999 % 200, static_cast<char>('a' + 2999 % 26)));
-  EXPECT_EQ(after["scratch"], "2999");
-  for (const char *kept : {"class", "type", "cdevice", "desc"}) EXPECT_EQ(after[kept], before[kept]) << kept;
+  EXPECT_EQ(Attr("disk1", "state"), std::string(2999 % 200, static_cast<char>('a' + 2999 % 26)));
+  EXPECT_EQ(Attr("disk1", "scratch"), "2999");
+  const pvtest::Pairs kept = {{"class", "disk"}, {"type", "scsi"}, {"cdevice", "/dev/rdsk/1s0"}, {"desc", "SCSI disk 1: 9.1 GB"}};
+  for (const auto &[name, value] : kept) EXPECT_EQ(Attr("disk1", name.c_str()), value) << name;
   Reload(testing_support::ReadFile(testing_support::SampleTablePath()));
   EXPECT_EQ(Attr("disk1", "state"), "online") << "a reload starts from the table";
 }

@@ -60,7 +60,7 @@ TEST_F(Put, CommandLinesCarryEveryValueLiterallyOrRefuseIt) {
                          {"shell", "$(touch pwned) `id` ; | >"}, {"tab", "a\tb"}, {"odd key", "v"}});
   EXPECT_EQ(QDput("disk0", l), 0);
   EXPECT_EQ(Log(), "<-m><disk0><plain=x y><empty=><quoted=as is><shell=$(touch pwned) `id` ; | >><tab=a b><odd key=v>\n");
-  EXPECT_EQ(Pairs(l)["tab"], "a b") << "the caller's list keeps the blank";
+  EXPECT_EQ(pvtest::All(l)[5].second, "a b") << "the caller's list keeps the blank";
   EXPECT_NE(access("pwned", F_OK), 0);
   DestroyKeywordList(l);
   for (const char *bad : {"\"$(touch pwned)\"", "\"open", "close\"", "\"a\"b\""})
@@ -87,7 +87,7 @@ TEST_F(Put, ModifyThenAddConflictsFailuresAndTheTimeStamp) {
   KeywordList *l = List({{"class", "disk"}, {"class", "dup"}, {"ObjTimestamp", "old"}});
   EXPECT_EQ(QDput("disk0", l), KWL_DUPLICATE);
   EXPECT_NE(Log().find("<-m><disk0><class=disk><ObjTimestamp=old>\n"), std::string::npos) << Log();
-  EXPECT_EQ(Pairs(l), (std::map<std::string, std::string>{{"class", "disk"}})) << "the stamp leaves the list";
+  EXPECT_EQ(pvtest::All(l), (pvtest::Pairs{{"class", "disk"}})) << "the stamp leaves the list";
   DestroyKeywordList(l);
   QDput("disk1", pvtest::MakeList({{"class", "disk"}}).get());
   EXPECT_NE(Log().find("<-m><disk1><class=disk><ObjTimestamp=0126,10,22,10,00,00,0,325,00>\n"), std::string::npos);
