@@ -96,7 +96,6 @@ TEST_F(Status, WhileCachedTheCacheDecides) {
   EXPECT_EQ(QDaliasstatus("seen"), OBJ_ACTIVE);
   EXPECT_EQ(QDaliasstatus("unseen"), OBJ_STALE);
   EXPECT_EQ(QDaliasstatus("plain"), OBJ_ACTIVE);
-  QDcache_free();
 }
 
 using testing_support::ReadFile;

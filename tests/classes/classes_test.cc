@@ -30,13 +30,9 @@ std::string Cat(const std::string &current, const char *name, int index, unsigne
 TEST(Edit, CatAddsOrMovesTheElementToTheEnd) {
   const std::string n36(36, 'n'), q505(505, 'q'), q506(506, 'q'), r503 = "e[1][]," + std::string(503, 'q');
   struct Case { std::string current; const char *name; int index; unsigned char mask; std::string want; } cases[] = {
-      {"", "run", 5, 0, "run[5][]"},
-      {"", "a", 7, 0x23, "a[7][m?-]"},
-      {"", "a", 0, 0x7f, "a[0][um?-+x!]"},
-      {"x[1][]", "run", 99, 0x01, "x[1][],run[99][?]"},
-      {"a[1][],b[2][],c[3][]", "b", 9, 0, "a[1][],c[3][],b[9][]"},
-      {"a[1][], b[2][]", "b", 9, 0, "a[1][],b[9][]"},
-      {"run,x[1][]", "run", 3, 0, "x[1][],run[3][]"},
+      {"", "run", 5, 0, "run[5][]"}, {"", "a", 7, 0x23, "a[7][m?-]"}, {"", "a", 0, 0x7f, "a[0][um?-+x!]"},
+      {"x[1][]", "run", 99, 0x01, "x[1][],run[99][?]"}, {"a[1][], b[2][]", "b", 9, 0, "a[1][],b[9][]"},
+      {"a[1][],b[2][],c[3][]", "b", 9, 0, "a[1][],c[3][],b[9][]"}, {"run,x[1][]", "run", 3, 0, "x[1][],run[3][]"},
       {"restart[1][],runall[2][]", "run", 3, 0, "restart[1][],runall[2][],run[3][]"},
       {q505, "e", 1, 0, q505 + ",e[1][]"},                           // 512 characters
       {q506, "e", 1, 0, q506},                                       // 513: no room
@@ -118,15 +114,11 @@ TEST(Edit, DefaultElementGoesWhenAnotherIsNotMandatory) {
 
 const unsigned char kCombined = QD_CLASS_METHOD | QD_CLASS_ADD;
 const QDclass_entry_t kDisk[] = {
-    {0, "type", "scsi", 0, 0},
-    {0, "state", "offline", 0, 0},
-    {QD_CLASS_ADD, "caps", "read", 0, 0},
-    {QD_CLASS_ADD, "caps", "format", 0, 0},
+    {0, "type", "scsi", 0, 0}, {0, "state", "offline", 0, 0},
+    {QD_CLASS_ADD, "caps", "read", 0, 0}, {QD_CLASS_ADD, "caps", "format", 0, 0},
     {QD_CLASS_ADD, "caps", "a,b", 0, 0},  // skipped: one item holds no comma
-    {QD_CLASS_METHOD, "offcmd", "echo off", 0, 0},
-    {QD_CLASS_METHOD, "offcmd", "echo off2", 0, 0},
-    {kCombined, "killfunc", "offcmd", 20, 0},
-    {kCombined, "killfunc", "checkcmd", 10, META_COND},
+    {QD_CLASS_METHOD, "offcmd", "echo off", 0, 0}, {QD_CLASS_METHOD, "offcmd", "echo off2", 0, 0},
+    {kCombined, "killfunc", "offcmd", 20, 0}, {kCombined, "killfunc", "checkcmd", 10, META_COND},
     {kCombined, "killfunc", "offcmd", 30, META_IGNORE},
     {kCombined, "killfunc", "bad,name", 40, 0},  // skipped
     {0, nullptr, nullptr, 0, 0},
@@ -209,8 +201,7 @@ TEST(Classes, ClassFilesAreReadWholeOrRefusedWithTheLine) {
   struct Case { std::string text, error; } cases[] = {
       {"default type scsi\n", "1: a row before the first class line"},
       {"class d\n\n  # note\nsome type scsi\n", "4: unknown kind"},
-      {"class d\ndefault type \"scsi\n", "2: a quote is not closed"},
-      {"class d\ndefault type scsi ide\n", "2: too many fields"},
+      {"class d\ndefault type \"scsi\n", "2: a quote is not closed"}, {"class d\ndefault type scsi ide\n", "2: too many fields"},
       {"class d\ndefault checkcmd x\n", "2: an attribute row cannot take a method name"},
       {"class d\ncombined runcmd x\n", "2: a command method holds no meta-method value"},
       {"class d\ncombined runfunc x 100\n", "2: the index is not a number from 0 to 99"},

@@ -36,23 +36,44 @@ List Made(const Pairs &pairs, std::function<void(KeywordList *)> change) {
   return l;
 }
 
+std::string Write(KeywordList *list) {
+  char *buf = nullptr;
+  size_t len = 0;
+  FILE *out = open_memstream(&buf, &len);
+  EXPECT_EQ(KeywordListToStream(out, list), 0);
+  fclose(out);
+  std::string text(buf, len);
+  free(buf);
+  return text;
+}
+
+List Read(const std::string &text) {
+  FILE *in = fmemopen(const_cast<char *>(text.data()), text.size(), "r");
+  List list(KeywordStreamToList(in));
+  EXPECT_EQ(fclose(in), 0);  // the stream is left open for its owner
+  return list;
+}
+
+// Written, then read back.
+Pairs Again(const Pairs &pairs) {
+  List back = Read(Write(MakeList(pairs).get()));
+  return back ? All(back.get()) : Pairs{{"(null list)", ""}};
+}
+
 // Callers iterate a list made in any of these ways without resetting it;
 // otherwise an iteration goes on until they copy the first entry into the cursor.
 TEST(KeywordListCursor, FreshListsStartAtTheFirstEntryOthersWhereTheyStopped) {
   List src = MakeList(kAbc);
   Step(src.get());
-  char text[] = "a=1\nb=2\nc=3\n";
-  FILE *in = fmemopen(text, strlen(text), "r");
   List made[] = {
       MakeList(kAbc),
       Made({}, [&](KeywordList *l) { AddKeywordListToList(l, src.get()); }),
       List(DuplicateKeywordList(src.get())),
-      List(KeywordStreamToList(in)),
+      Read("a=1\nb=2\nc=3\n"),
       Made({{"a", "1"}, {"a", "x"}, {"b", "2"}, {"c", "3"}, {"b", "y"}},
            [](KeywordList *l) { RemoveDuplicateKeywordFmList(l); }),
       Made({{"z", "0"}, {"a", "1"}, {"b", "2"}, {"c", "3"}}, [](KeywordList *l) { RemoveKeywordFmList(l, "z"); }),
   };
-  fclose(in);
   for (List &l : made) EXPECT_EQ(Rest(l.get()), kAbc) << &l - made;
   UpdateKeywordInList(made[2].get(), "b", "changed");  // the copy is deep
   EXPECT_EQ(Rest(src.get()), Pairs({{"b", "2"}, {"c", "3"}}));
@@ -298,30 +319,6 @@ TEST(IsInCommaList, MatchesWholeTrimmedItemsExactly) {
   for (const auto &c : cases)
     EXPECT_EQ(IsInCommaList(std::get<0>(c), std::get<1>(c)), std::get<2>(c))
         << (std::get<0>(c) ? std::get<0>(c) : "(null)") << " in " << (std::get<1>(c) ? std::get<1>(c) : "(null)");
-}
-
-std::string Write(KeywordList *list) {
-  char *buf = nullptr;
-  size_t len = 0;
-  FILE *out = open_memstream(&buf, &len);
-  EXPECT_EQ(KeywordListToStream(out, list), 0);
-  fclose(out);
-  std::string text(buf, len);
-  free(buf);
-  return text;
-}
-
-List Read(const std::string &text) {
-  FILE *in = fmemopen(const_cast<char *>(text.data()), text.size(), "r");
-  List list(KeywordStreamToList(in));
-  EXPECT_EQ(fclose(in), 0);  // the stream is left open for its owner
-  return list;
-}
-
-// Written, then read back.
-Pairs Again(const Pairs &pairs) {
-  List back = Read(Write(MakeList(pairs).get()));
-  return back ? All(back.get()) : Pairs{{"(null list)", ""}};
 }
 
 // Generated lists are the fuzzer's (fuzz_kwstream).

@@ -92,12 +92,11 @@ TEST_F(Stamps, TheEnvironmentSetsTheStampOnce) {
   EXPECT_EQ(QDsettime(QD_TS_ENV, nullptr), 242);  // not set: timestamping off
   EXPECT_EQ(QDtimestamp.tm_mday, 0);
   EXPECT_STREQ(QDstampstring, "previous");
-  setenv("QD_TIMESTAMP", "0", 1);
-  EXPECT_EQ(QDsettime(QD_TS_ENV, nullptr), 245);
-  setenv("QD_TIMESTAMP", "1997-03-14", 1);
-  EXPECT_EQ(QDsettime(QD_TS_ENV, nullptr), 254);
-  setenv("QD_TIMESTAMP", "0097,02,14,09,05,03,5,072,00", 1);
-  EXPECT_EQ(QDsettime(QD_TS_ENV, nullptr), 0);
+  for (const auto &[value, rc] :
+       {std::pair<const char *, int>{"0", 245}, {"1997-03-14", 254}, {"0097,02,14,09,05,03,5,072,00", 0}}) {
+    setenv("QD_TIMESTAMP", value, 1);
+    EXPECT_EQ(QDsettime(QD_TS_ENV, nullptr), rc) << value;
+  }
   // The first setting holds for the process.
   setenv("QD_TIMESTAMP", "", 1);
   EXPECT_EQ(QDsettimefmenv(), 0);
