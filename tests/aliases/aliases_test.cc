@@ -19,31 +19,26 @@ using pvtest::Take;
 using testing_support::ReadFile;
 using testing_support::Sandbox;
 using V = std::vector<std::string>;
-using Criteria = std::vector<std::pair<std::string, std::string>>;
+using Criteria = std::vector<std::pair<std::string, const char *>>;  // a null value: none
 
 namespace {
 
-KeywordList *List(const Criteria &pairs) {
-  KeywordList *list = CreateKeywordList();
-  for (const auto &p : pairs) AddKeywordToList(list, p.first.c_str(), p.second.c_str());
-  return list;
+KeywordList *Items(const Criteria &pairs) {
+  KeywordList *l = CreateKeywordList();
+  for (const auto &p : pairs) AddKeywordToList(l, p.first.c_str(), p.second);
+  return l;
 }
 
 V Match(const Criteria &criteria, const V &candidates) {
   AliasList *cand = pvtest::Chain(candidates);
-  KeywordList *c = List(criteria);
-  V result = Take(QDmatchalias(c, cand));
+  V result = Take(QDmatchalias(pvtest::List(Items(criteria)).get(), cand));
   QDFreeAliasList(cand);
-  DestroyKeywordList(c);
   return result;
 }
 
 // No criteria at all (not an empty list): every alias.
 V Aliases(const Criteria &criteria) {
-  KeywordList *c = criteria.empty() ? nullptr : List(criteria);
-  V v = Take(QDgetaliases(c));
-  DestroyKeywordList(c);
-  return v;
+  return Take(QDgetaliases(pvtest::List(criteria.empty() ? nullptr : Items(criteria)).get()));
 }
 
 TEST(QDmatchalias, MatchingRules) {
@@ -116,13 +111,7 @@ TEST(QDnextalias, WalksAClassInTheMatchingsOrder) {
   }
 }
 
-using Pairs = std::vector<std::pair<const char *, const char *>>;  // a null value: none
-
-KeywordList *Items(const Pairs &pairs) {
-  KeywordList *l = CreateKeywordList();
-  for (const auto &p : pairs) AddKeywordToList(l, p.first, p.second);
-  return l;
-}
+using Pairs = Criteria;
 
 // The objects found, as "alias|name=value,...|name=value,..." with the
 // filtered attributes and methods, sorted (the cache keeps its own order),
@@ -172,11 +161,7 @@ TEST_P(Search, TheRulesOfMatching) {
   const Pairs disk = {{"type", "disk"}}, yes = {{"removable", "yes"}}, none = {{"removable", nullptr}},
               b = {{"group", "b"}}, two = {{"type", "disk"}, {"type", "tape"}}, empty = {},
               tape_or_b = {{"type", "tape"}, {"group", "b"}};
-  struct Case {
-    short type;
-    const Pairs *must, *must_not;
-    V found;
-  } cases[] = {
+  struct Case { short type; const Pairs *must, *must_not; V found; } cases[] = {
       // a lacks removable (the remainder rule), b fails it, c and e meet
       // both where the count reaches two; newest match first
       {QD_MATCH_ALL, &disk, &yes, {"e", "c", "a"}},

@@ -23,12 +23,8 @@ class Store : public CacheTest {
     while (qdcache_ocp->next != qdcache_ocp) QDcache_rmobj(qdcache_ocp->next);
     free(qdchash_tbl);
   }
-  static oce *Add(const char *alias, std::initializer_list<std::pair<const char *, const char *>> pairs,
-                  unsigned char status = 1) {
-    KeywordList *list = List(pairs);
-    oce *e = QDcache_addalias(alias, list, status);
-    DestroyKeywordList(list);
-    return e;
+  static oce *Add(const char *alias, const pvtest::Pairs &pairs, unsigned char status = 1) {
+    return QDcache_addalias(alias, pvtest::MakeList(pairs).get(), status);
   }
 };
 
@@ -81,8 +77,8 @@ TEST_F(Store, StatusStampsAndCleanedValuesFromThePairs) {
   EXPECT_EQ(fresh->accesstime.tm_year + fresh->modifytime.tm_year, 240);
   KeywordList *list = List({{"desc", "tab\there\nand\x7f\xe9"}, {"upcmd", "ifconfig up"}, {"statfunc", "s"}});
   oce *e = QDcache_addalias("net0", list, 1);
-  EXPECT_EQ(Pairs(e->objptr->attributes), (std::map<std::string, std::string>{{"desc", "tab here and  "}}));
-  EXPECT_EQ(Pairs(list)["desc"], "tab here and  ") << "cleaned in the caller's list too";
+  EXPECT_EQ(pvtest::All(e->objptr->attributes), (pvtest::Pairs{{"desc", "tab here and  "}}));
+  EXPECT_EQ(pvtest::All(list)[0].second, "tab here and  ") << "cleaned in the caller's list too";
   EXPECT_EQ(NumberOfKeywords(e->objptr->methods), 2);
   DestroyKeywordList(list);
 }
@@ -115,9 +111,7 @@ using V = std::vector<std::string>;
 
 V Keys(KeywordList *list) {
   V keys;
-  list->kwl_cursor = list->kwl_first;
-  char *kw, *value;
-  while (ReferenceNextKeywordInList(list, &kw, &value) != KWL_END) keys.push_back(kw);
+  for (const auto &p : pvtest::All(list)) keys.push_back(p.first);
   return keys;
 }
 
@@ -221,7 +215,7 @@ TEST_F(Hooks, PutsCreateTouchOrUpdateArchivingTheOldObjectOnce) {
   ASSERT_EQ(Put("net9", List({{"class", "network"}, {"upcmd", "ifconfig net9 up"}})), 0);
   oce *e = QDcache_find_alias("net9");
   EXPECT_EQ(e->status, OCE_ACTIVE | OCE_UPDATED);
-  EXPECT_EQ(Pairs(e->objptr->methods), (std::map<std::string, std::string>{{"upcmd", "ifconfig net9 up"}}));
+  EXPECT_EQ(pvtest::All(e->objptr->methods), (pvtest::Pairs{{"upcmd", "ifconfig net9 up"}}));
   EXPECT_EQ(e->accesstime.tm_year, 126);
   ASSERT_EQ(Put("tape0", List({{"class", "tape"}, {"state", "online"}})), 0);  // unchanged: only touched
   EXPECT_EQ(QDcache_find_alias("tape0")->status, OCE_ACTIVE);
@@ -242,39 +236,33 @@ TEST_F(Hooks, PutsCreateTouchOrUpdateArchivingTheOldObjectOnce) {
 // and over grows them into blocks of their own and packs them, and neither
 // loses or corrupts a pair (run under ASan in the check build).
 TEST_F(Hooks, ObjectsChangedOverAndOverKeepEveryPair) {
-  std::map<std::string, std::string> before = Pairs(QDcache_find_alias("disk1")->objptr->attributes);
   for (int i = 0; i < 3000; ++i) {
     std::string value(static_cast<size_t>(i % 200), static_cast<char>('a' + i % 26));
     ASSERT_EQ(Put("disk1", List({{"state", value.c_str()}, {"scratch", std::to_string(i).c_str()}})), 0);
     if (i % 3 == 0) RemoveKeywordFmList(QDcache_find_alias("disk1")->objptr->attributes, "scratch");
   }
-  std::map<std::string, std::string> after = Pairs(QDcache_find_alias("disk1")->objptr->attributes);
-  EXPECT_EQ(after["state"], std::string(2999 % 200, static_cast<char>('a' + 2999 % 26)));
-  EXPECT_EQ(after["scratch"], "2999");
-  for (const char *kept : {"class", "type", "cdevice", "desc"}) EXPECT_EQ(after[kept], before[kept]) << kept;
+  EXPECT_EQ(Attr("disk1", "state"), std::string(2999 % 200, static_cast<char>('a' + 2999 % 26)));
+  EXPECT_EQ(Attr("disk1", "scratch"), "2999");
+  const pvtest::Pairs kept = {{"class", "disk"}, {"type", "scsi"}, {"cdevice", "/dev/rdsk/1s0"}, {"desc", "SCSI disk 1: 9.1 GB"}};
+  for (const auto &[name, value] : kept) EXPECT_EQ(Attr("disk1", name.c_str()), value) << name;
   Reload(testing_support::ReadFile(testing_support::SampleTablePath()));
   EXPECT_EQ(Attr("disk1", "state"), "online") << "a reload starts from the table";
 }
 
 TEST_F(Hooks, ListsLeaveOutStaleEntriesWhereAskedAndNeedEveryCriterion) {
-  KeywordList *serial = List({{"class", "serial"}, {"speed", "9600"}});
-  AliasList *got = nullptr;
-  QDcache_hook_GetSpecificAliases(&got, serial);
-  EXPECT_EQ(Take(got), (V{"console", "tty04", "tty00"}));
-  DestroyKeywordList(serial);
+  auto specific = [](const pvtest::Pairs &criteria) {
+    AliasList *got = nullptr;
+    QDcache_hook_GetSpecificAliases(&got, pvtest::MakeList(criteria).get());
+    return Take(got);
+  };
+  EXPECT_EQ(specific({{"class", "serial"}, {"speed", "9600"}}), (V{"console", "tty04", "tty00"}));
   Reload("old:::: class=\"disk\" ObjTimestamp=\"0097,02,14,09,05,03,5,072,00\"\nnew:::: class=\"disk\"\n");
-  KeywordList *disk = List({{"class", "disk"}});
-  got = nullptr;
-  QDcache_hook_GetSpecificAliases(&got, disk);
-  EXPECT_EQ(Take(got), V{"new"});
+  EXPECT_EQ(specific({{"class", "disk"}}), V{"new"});
   AliasList *all = nullptr;
   QDcache_hook_GetAllAliases(&all, nullptr);
   EXPECT_EQ(Take(all), (V{"old", "new"}));
   qd_stale = 1;
-  got = nullptr;
-  QDcache_hook_GetSpecificAliases(&got, disk);
-  EXPECT_EQ(Take(got), (V{"new", "old"}));
-  DestroyKeywordList(disk);
+  EXPECT_EQ(specific({{"class", "disk"}}), (V{"new", "old"}));
 }
 
 TEST_F(Hooks, TheCursorWalksAttributesThenMethodsThenStartsAgain) {
@@ -288,13 +276,8 @@ TEST_F(Hooks, TheCursorWalksAttributesThenMethodsThenStartsAgain) {
 
 TEST_F(Hooks, QueriesAnswerFromTheCacheWithoutCommands) {
   setenv("PATH", "/nonexistent", 1);  // no device command can run now
-  NameValue *nv = QDgetattr("disk0", "desc");
-  ASSERT_NE(nv, nullptr);
-  EXPECT_STREQ(nv->value, "SCSI disk 0: 9.1 GB");
-  free(nv);
-  KeywordList *methods = QDgetmethods("net1");
-  EXPECT_EQ(NumberOfKeywords(methods), 3);
-  DestroyKeywordList(methods);
+  EXPECT_EQ(pvtest::Value(QDgetattr("disk0", "desc")), "SCSI disk 0: 9.1 GB");
+  EXPECT_EQ(NumberOfKeywords(pvtest::List(QDgetmethods("net1")).get()), 3);
 }
 
 using testing_support::ReadFile;
@@ -348,14 +331,12 @@ TEST_F(Flush, TheCursorReadsBackWhatTheWriterWrote) {
   QDlock_fptr = fopen(box_.table().c_str(), "w");
   for (int i = 0; i < 100; ++i) {
     std::string alias = text(12) + std::to_string(i), cdev = text(8), value = text(30);
-    KeywordList *attrs = List({{"cdevice", cdev.c_str()}, {"k", value.c_str()}}), *methods = List({{"runcmd", "\"x\":y"}});
-    ASSERT_EQ(QDcache_flush_put(alias.c_str(), attrs, methods), 0);
+    ASSERT_EQ(QDcache_flush_put(alias.c_str(), pvtest::MakeList({{"cdevice", cdev}, {"k", value}}).get(),
+                                pvtest::MakeList({{"runcmd", "\"x\":y"}}).get()), 0);
     value.erase(std::remove(value.begin(), value.end(), '"'), value.end());
     for (std::string t : {"cdevice|" + cdev, std::string("bdevice|"), std::string("pathname|"), "k|" + value,
                           std::string("runcmd|x:y")})
       want.push_back(alias + "|" + t);
-    DestroyKeywordList(attrs);
-    DestroyKeywordList(methods);
   }
   fclose(QDlock_fptr);
   QDlock_fptr = nullptr;
@@ -377,9 +358,8 @@ TEST_F(Flush, ADirectFlushRewritesInReverseOrderAndFreesTheCache) {
             "b::::z=\"2\" ObjTimestamp=\"0097,02,14,09,05,03,5,072,00\"\n"
             "a:/dev/a:::k=\"1\"\n");
   EXPECT_TRUE(qdcache_on == 0 && qdcache_free == 1 && qdchash_tbl == nullptr);
-  KeywordList *l = List({{"state", "offline"}, {"note", "moved: rack 4"}});
-  EXPECT_EQ(QDput("tty01", l), 0);  // a put loads the cache and flushes it
-  DestroyKeywordList(l);
+  // A put loads the cache and flushes it.
+  EXPECT_EQ(QDput("tty01", pvtest::MakeList({{"state", "offline"}, {"note", "moved: rack 4"}}).get()), 0);
   EXPECT_EQ(qdcache_on, 0);
   EXPECT_EQ(testing_support::RunProgram({testing_support::Command("unitprop"), "tty01", "note"}).out, "moved: rack 4\n");
 }
@@ -395,9 +375,7 @@ TEST_F(Flush, TheObjectWriterWritesOnlyWhatChanged) {
   std::string log_path = testing_support::FakeCommand(box_, "unitmod", "exit 0");
   ASSERT_EQ(QDcache_load(), 0);
   QDcache_touch_obj(QDcache_find_alias("touched"));
-  KeywordList *change = List({{"k", "33"}});
-  QDcache_hook_QDLput("changed", change);
-  DestroyKeywordList(change);
+  QDcache_hook_QDLput("changed", pvtest::MakeList({{"k", "33"}}).get());
   ASSERT_EQ(QDcache_flush(), 0);
   EXPECT_EQ(ReadFile(log_path),
             "<-d><changed>\n<-m><changed><pathname=><ObjModifyTime=0126,10,22,10,00,00,0,325,00><k=33>"

@@ -3,13 +3,11 @@
 // made from classes, unique aliases (also between processes), class files,
 // multi-value attributes and alias lists; qdadm's commands for them.
 #include <gtest/gtest.h>
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "list_util.h"
@@ -31,32 +29,18 @@ std::string Cat(const std::string &current, const char *name, int index, unsigne
 
 TEST(Edit, CatAddsOrMovesTheElementToTheEnd) {
   const std::string n36(36, 'n'), q505(505, 'q'), q506(506, 'q'), r503 = "e[1][]," + std::string(503, 'q');
-  struct Case {
-    std::string current;
-    const char *name;
-    int index;
-    unsigned char mask;
-    std::string want;
-  } cases[] = {
-      {"", "run", 5, 0, "run[5][]"},
-      {"", "a", 7, 0x23, "a[7][m?-]"},
-      {"", "a", 0, 0x7f, "a[0][um?-+x!]"},
-      {"x[1][]", "run", 99, 0x01, "x[1][],run[99][?]"},
-      {"a[1][],b[2][],c[3][]", "b", 9, 0, "a[1][],c[3][],b[9][]"},
-      {"a[1][], b[2][]", "b", 9, 0, "a[1][],b[9][]"},
-      {"run,x[1][]", "run", 3, 0, "x[1][],run[3][]"},
+  struct Case { std::string current; const char *name; int index; unsigned char mask; std::string want; } cases[] = {
+      {"", "run", 5, 0, "run[5][]"}, {"", "a", 7, 0x23, "a[7][m?-]"}, {"", "a", 0, 0x7f, "a[0][um?-+x!]"},
+      {"x[1][]", "run", 99, 0x01, "x[1][],run[99][?]"}, {"a[1][], b[2][]", "b", 9, 0, "a[1][],b[9][]"},
+      {"a[1][],b[2][],c[3][]", "b", 9, 0, "a[1][],c[3][],b[9][]"}, {"run,x[1][]", "run", 3, 0, "x[1][],run[3][]"},
       {"restart[1][],runall[2][]", "run", 3, 0, "restart[1][],runall[2][],run[3][]"},
       {q505, "e", 1, 0, q505 + ",e[1][]"},                           // 512 characters
       {q506, "e", 1, 0, q506},                                       // 513: no room
       {r503, "e", 2, 0, std::string(503, 'q') + ",e[2][]"},          // 510 after a move
       {"e[1][]," + std::string(504, 'q'), "e", 2, 0, "e[1][]," + std::string(504, 'q')},  // 511
       // Refused elements leave the value as it was.
-      {"x", n36.c_str(), 1, 0, "x"},
-      {"x", "a,b", 1, 0, "x"},
-      {"x", "a[1]", 1, 0, "x"},
-      {"x", "", 1, 0, "x"},
-      {"x", "a", 100, 0, "x"},
-      {"x", "a", 1, 0x80, "x"},
+      {"x", n36.c_str(), 1, 0, "x"}, {"x", "a,b", 1, 0, "x"}, {"x", "a[1]", 1, 0, "x"},
+      {"x", "", 1, 0, "x"},          {"x", "a", 100, 0, "x"}, {"x", "a", 1, 0x80, "x"},
   };
   for (const Case &c : cases) EXPECT_EQ(Cat(c.current, c.name, c.index, c.mask), c.want) << c.current << " + " << c.name;
   EXPECT_EQ(Cat("x", std::string(35, 'n').c_str(), 1, 0), "x," + std::string(35, 'n') + "[1][]");
@@ -71,39 +55,28 @@ class Methods : public testing::Test {
     pvtest::List list = pvtest::MakeList({{"runfunc", value}});
     ASSERT_EQ(QDput("box", list.get()), 0);
   }
-  std::string Get(const char *name = "runfunc") {
-    NameValue *nv = QDgetmethod("box", name);
-    std::string v = nv ? nv->value : "<none>";
-    free(nv);
-    return v;
-  }
+  std::string Get(const char *name = "runfunc") { return pvtest::Value(QDgetmethod("box", name)); }
   testing_support::Sandbox box_;
 };
 
 TEST_F(Methods, AddRemoveAndUpdateRewriteTheMethod) {
   const std::string abc = "a[1][],b[2][],c[3][]", near = std::string(500, 'q') + ",b[2][]";
-  struct Case {
-    std::string before;
-    int (*edit)(const char *);
-    int rc;
-    std::string after;
-  } cases[] = {
-      {abc, [](const char *m) { return QDrmmetamethod("box", m, "b"); }, 0, "a[1][],c[3][]"},
-      {abc, [](const char *m) { return QDrmmetamethod("box", m, "a"); }, 0, "b[2][],c[3][]"},
-      {abc, [](const char *m) { return QDrmmetamethod("box", m, "c"); }, 0, "a[1][],b[2][]"},
-      {"a[1][],b[2][],a[3][m]", [](const char *m) { return QDrmmetamethod("box", m, "a"); }, 0, "b[2][]"},
-      {"a[1][]", [](const char *m) { return QDrmmetamethod("box", m, "a"); }, 0, ""},
-      {"restart[1][]", [](const char *m) { return QDrmmetamethod("box", m, "start"); }, 0, "restart[1][]"},
-      {abc, [](const char *m) { return QDrmmetamethod("box", m, ""); }, 255, abc},
-      {abc, [](const char *m) { return QDaddmetamethod("box", m, "d", 4, 0x08); }, 0, abc + ",d[4][x]"},
-      {abc, [](const char *m) { return QDupdatemetamethod("box", m, "a", 9, 0x21); }, 0, "b[2][],c[3][],a[9][m?]"},
-      {abc, [](const char *m) { return QDupdatemetamethod("box", m, "a,b", 9, 0); }, 254, abc},
+  // edit: 'r'emove, 'a'dd or 'u'pdate the element.
+  struct Case { std::string before; char edit; const char *element; int index, mask, rc; std::string after; } cases[] = {
+      {abc, 'r', "b", 0, 0, 0, "a[1][],c[3][]"},  {abc, 'r', "a", 0, 0, 0, "b[2][],c[3][]"},
+      {abc, 'r', "c", 0, 0, 0, "a[1][],b[2][]"},  {"a[1][],b[2][],a[3][m]", 'r', "a", 0, 0, 0, "b[2][]"},
+      {"a[1][]", 'r', "a", 0, 0, 0, ""},          {"restart[1][]", 'r', "start", 0, 0, 0, "restart[1][]"},
+      {abc, 'r', "", 0, 0, 255, abc},             {abc, 'a', "d", 4, 0x08, 0, abc + ",d[4][x]"},
+      {abc, 'u', "a", 9, 0x21, 0, "b[2][],c[3][],a[9][m?]"}, {abc, 'u', "a,b", 9, 0, 254, abc},
       // The update would not fit: the element is not removed either.
-      {near, [](const char *m) { return QDupdatemetamethod("box", m, "b", 2, 0x7f); }, 255, near},
+      {near, 'u', "b", 2, 0x7f, 255, near},
   };
   for (const Case &c : cases) {
     Set(c.before);
-    EXPECT_EQ(c.edit("runfunc"), c.rc) << c.before;
+    EXPECT_EQ(c.edit == 'r'   ? QDrmmetamethod("box", "runfunc", c.element)
+              : c.edit == 'a' ? QDaddmetamethod("box", "runfunc", c.element, c.index, c.mask)
+                              : QDupdatemetamethod("box", "runfunc", c.element, c.index, c.mask),
+              c.rc) << c.before;
     EXPECT_EQ(Get(), c.after) << c.before;
   }
   EXPECT_EQ(QDaddmetamethod("box", "newfunc", "a", 1, 0), 0);
@@ -112,24 +85,15 @@ TEST_F(Methods, AddRemoveAndUpdateRewriteTheMethod) {
   EXPECT_EQ(QDaddmetamethod("box", "desc", "a", 1, 0), 254);
   EXPECT_EQ(QDaddmetamethod("box", "runcmd", "a", 1, 0), 254);
   EXPECT_EQ(Get("runcmd"), "echo run");
-  NameValue *desc = QDgetattr("box", "desc");
-  ASSERT_NE(desc, nullptr);
-  EXPECT_STREQ(desc->value, "a box");
-  free(desc);
+  EXPECT_EQ(pvtest::Value(QDgetattr("box", "desc")), "a box");
 }
 
 TEST(Edit, DefaultElementGoesWhenAnotherIsNotMandatory) {
-  struct Case {
-    const char *def, *current, *want;  // want nullptr: the list keeps current
-  } cases[] = {
-      {"def[1][m]", "def[1][m],mine[5][]", "mine[5][]"},
-      {"def[1][m]", "mine[5][u],def[1][m],x[6][m]", "mine[5][u],x[6][m]"},
-      {"def[1][m]", "def[1][m],keep[5][m]", nullptr},
-      {"def[1][m]", "def[1][m],bare", "bare"},
-      {"def[1][m]", "def[1][m]", nullptr},
-      {"def", "def[1][],x[2][]", "x[2][]"},
-      {"def[1", "def[10][m],x[2][]", nullptr},
-      {"def", "define[1][],x[2][]", nullptr},
+  struct Case { const char *def, *current, *want; } cases[] = {  // want nullptr: the list keeps current
+      {"def[1][m]", "def[1][m],mine[5][]", "mine[5][]"}, {"def[1][m]", "mine[5][u],def[1][m],x[6][m]", "mine[5][u],x[6][m]"},
+      {"def[1][m]", "def[1][m],keep[5][m]", nullptr},   {"def[1][m]", "def[1][m],bare", "bare"},
+      {"def[1][m]", "def[1][m]", nullptr},              {"def", "def[1][],x[2][]", "x[2][]"},
+      {"def[1", "def[10][m],x[2][]", nullptr},          {"def", "define[1][],x[2][]", nullptr},
       {"def[1][m]", "x[2][],y[3][u]", nullptr},
   };
   for (const Case &c : cases) {
@@ -150,15 +114,11 @@ TEST(Edit, DefaultElementGoesWhenAnotherIsNotMandatory) {
 
 const unsigned char kCombined = QD_CLASS_METHOD | QD_CLASS_ADD;
 const QDclass_entry_t kDisk[] = {
-    {0, "type", "scsi", 0, 0},
-    {0, "state", "offline", 0, 0},
-    {QD_CLASS_ADD, "caps", "read", 0, 0},
-    {QD_CLASS_ADD, "caps", "format", 0, 0},
+    {0, "type", "scsi", 0, 0}, {0, "state", "offline", 0, 0},
+    {QD_CLASS_ADD, "caps", "read", 0, 0}, {QD_CLASS_ADD, "caps", "format", 0, 0},
     {QD_CLASS_ADD, "caps", "a,b", 0, 0},  // skipped: one item holds no comma
-    {QD_CLASS_METHOD, "offcmd", "echo off", 0, 0},
-    {QD_CLASS_METHOD, "offcmd", "echo off2", 0, 0},
-    {kCombined, "killfunc", "offcmd", 20, 0},
-    {kCombined, "killfunc", "checkcmd", 10, META_COND},
+    {QD_CLASS_METHOD, "offcmd", "echo off", 0, 0}, {QD_CLASS_METHOD, "offcmd", "echo off2", 0, 0},
+    {kCombined, "killfunc", "offcmd", 20, 0}, {kCombined, "killfunc", "checkcmd", 10, META_COND},
     {kCombined, "killfunc", "offcmd", 30, META_IGNORE},
     {kCombined, "killfunc", "bad,name", 40, 0},  // skipped
     {0, nullptr, nullptr, 0, 0},
@@ -217,25 +177,18 @@ TEST(Classes, ConcurrentCreatesTakeDistinctAliases) {
   testing_support::WriteFile(box.Path("classes"), "class disk\ndefault class disk\n");
   setenv("QD_LOCK_RETRY_SECONDS", "0", 1);  // a waiter that finds the lock file gone retries at once
   const int kCreates = 6;
-  std::vector<pid_t> children;
+  std::vector<testing_support::RunResult> runs(kCreates);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kCreates; ++i)
+    threads.emplace_back([&, i] {
+      runs[i] = testing_support::RunProgram({QD_TEST_QDADM, "create", "--class-file", box.Path("classes"), "disk"});
+    });
+  std::set<std::string> made, want;
   for (int i = 0; i < kCreates; ++i) {
-    pid_t pid = fork();
-    if (pid == 0) {
-      int fd = open(box.Path("out" + std::to_string(i)).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      dup2(fd, 1);
-      execl(QD_TEST_QDADM, "qdadm", "create", "--class-file", box.Path("classes").c_str(), "disk", nullptr);
-      _exit(127);
-    }
-    children.push_back(pid);
+    threads[i].join();
+    EXPECT_EQ(runs[i].status, 0) << runs[i].err;
+    made.insert(runs[i].out);
   }
-  std::set<std::string> made;
-  for (int i = 0; i < kCreates; ++i) {
-    int status = 0;
-    waitpid(children[i], &status, 0);
-    EXPECT_EQ(status, 0);
-    made.insert(testing_support::ReadFile(box.Path("out" + std::to_string(i))));
-  }
-  std::set<std::string> want;
   for (int n = 3; n < 3 + kCreates; ++n) want.insert("alias=disk" + std::to_string(n) + "\n");
   EXPECT_EQ(made, want);
   for (int n = 0; n < 3 + kCreates; ++n) EXPECT_EQ(QDcheck(("disk" + std::to_string(n)).c_str()), 0) << n;
@@ -245,13 +198,10 @@ TEST(Classes, ClassFilesAreReadWholeOrRefusedWithTheLine) {
   Sandbox box;
   const std::string path = box.Path("classes");
   const std::string long_value = "class d\ndefault desc " + std::string(513, 'q') + "\n";
-  struct Case {
-    std::string text, error;
-  } cases[] = {
+  struct Case { std::string text, error; } cases[] = {
       {"default type scsi\n", "1: a row before the first class line"},
       {"class d\n\n  # note\nsome type scsi\n", "4: unknown kind"},
-      {"class d\ndefault type \"scsi\n", "2: a quote is not closed"},
-      {"class d\ndefault type scsi ide\n", "2: too many fields"},
+      {"class d\ndefault type \"scsi\n", "2: a quote is not closed"}, {"class d\ndefault type scsi ide\n", "2: too many fields"},
       {"class d\ndefault checkcmd x\n", "2: an attribute row cannot take a method name"},
       {"class d\ncombined runcmd x\n", "2: a command method holds no meta-method value"},
       {"class d\ncombined runfunc x 100\n", "2: the index is not a number from 0 to 99"},
@@ -283,34 +233,21 @@ TEST(Classes, ClassFilesAreReadWholeOrRefusedWithTheLine) {
 TEST(Values, ItemsAreAddedAndRemovedWhole) {
   Sandbox box;
   const std::string q510(510, 'q');
-  struct Case {
-    const char *before;  // nullptr: no such attribute
-    int (*edit)(const char *, const char *, const char *);
-    std::string item;
-    int rc;
-    std::string after;
-  } cases[] = {
-      {"a,c", QDaddattributevalue, "b", 0, "a,c,b"},
-      {"a,c", QDaddattributevalue, "c", 0, "a,c"},
-      {nullptr, QDaddattributevalue, "x", 0, "x"},
-      {"", QDaddattributevalue, "v", 0, ",v"},
-      {"a,c", QDaddattributevalue, "b,d", 254, "a,c"},
-      {"a,c", QDaddattributevalue, "", 254, "a,c"},
-      {"a,c", QDaddattributevalue, " b", 254, "a,c"},
-      {q510.c_str(), QDaddattributevalue, "b", 0, q510 + ",b"},
-      {q510.c_str(), QDaddattributevalue, "bc", 254, q510},
-      {"a,b,a", QDdelattributevalue, "a", 0, "b"},
-      {"a", QDdelattributevalue, "a", 0, ""},
-      {"a,b", DelEntryFmCommaList, "a", 0, "b"},
-      {"a,b", DelEntryFmCommaList, "z", 2, "a,b"},
-      {nullptr, DelEntryFmCommaList, "z", 2, "<none>"},
+  using Edit = int (*)(const char *, const char *, const char *);
+  // before nullptr: no such attribute
+  struct Case { const char *before; Edit edit; std::string item; int rc; std::string after; } cases[] = {
+      {"a,c", QDaddattributevalue, "b", 0, "a,c,b"},       {"a,c", QDaddattributevalue, "c", 0, "a,c"},
+      {nullptr, QDaddattributevalue, "x", 0, "x"},         {"", QDaddattributevalue, "v", 0, ",v"},
+      {"a,c", QDaddattributevalue, "b,d", 254, "a,c"},     {"a,c", QDaddattributevalue, "", 254, "a,c"},
+      {"a,c", QDaddattributevalue, " b", 254, "a,c"},      {q510.c_str(), QDaddattributevalue, "b", 0, q510 + ",b"},
+      {q510.c_str(), QDaddattributevalue, "bc", 254, q510}, {"a,b,a", QDdelattributevalue, "a", 0, "b"},
+      {"a", QDdelattributevalue, "a", 0, ""},              {"a,b", DelEntryFmCommaList, "a", 0, "b"},
+      {"a,b", DelEntryFmCommaList, "z", 2, "a,b"},         {nullptr, DelEntryFmCommaList, "z", 2, "<null>"},
   };
   for (const Case &c : cases) {
     box.WriteTable(std::string("box::::desc=\"x\"") + (c.before ? std::string(" caps=\"") + c.before + "\"" : "") + "\n");
     EXPECT_EQ(c.edit("box", "caps", c.item.c_str()), c.rc) << c.before << " " << c.item;
-    NameValue *nv = QDgetattr("box", "caps");
-    EXPECT_EQ(nv ? nv->value : "<none>", c.after) << c.before << " " << c.item;
-    free(nv);
+    EXPECT_EQ(pvtest::Value(QDgetattr("box", "caps")), c.after) << c.before << " " << c.item;
   }
   // A value too long to be read whole is left as it is, not cut.
   const std::string line = "box::::caps=\"" + std::string(600, 'q') + "\"\n";
@@ -349,11 +286,8 @@ TEST(Tool, CreatesAndEditsOrChangesNothing) {
   const std::string classes = std::string(QD_TEST_SOURCE_DIR) + "/examples/classes/units.classes";
   testing_support::WriteFile(box.Path("bad"), "class disk\nmulti caps a,b\n");
   const std::string q506(506, 'q');
-  struct Case {
-    std::vector<std::string> args;
-    int status;
-    std::string out;  // for a failure: a piece of the message; the table stays as it was
-  } cases[] = {
+  // out: a piece of the output, or for a failure of the message; a failure leaves the table as it was
+  struct Case { std::vector<std::string> args; int status; std::string out; } cases[] = {
       {{"create", "--class-file", classes, "disk", "desc=new"}, 0, "alias=disk3\n"},
       {{"get", "disk3", "startfunc"}, 0, "startfunc=onlinecmd[10][?]\n"},
       {{"create", "--class-file", classes, "tape"}, 254, "no class tape"},

@@ -28,21 +28,9 @@ class ContainTest : public CacheTest {
     box_.WriteTable(testing_support::ReadFile(testing_support::SampleTablePath()) + lines);
   }
   // The tree depth first in chain order, one word an object: a dot a level.
-  static std::string Tree(const ObjectRecord *top) {
-    std::string out = top->alias;
-    std::vector<std::pair<const ContainedNode *, std::string>> stack{{top->contained, "."}};
-    while (!stack.empty()) {
-      auto &[node, dots] = stack.back();
-      if (node == nullptr) {
-        stack.pop_back();
-        continue;
-      }
-      const ObjectRecord *o = node->object;
-      node = node->next;
-      out += " " + dots + o->alias;
-      std::string deeper = dots + ".";
-      if (o->contained != nullptr) stack.push_back({o->contained, deeper});
-    }
+  static std::string Tree(const ObjectRecord *o, const std::string &dots = "") {
+    std::string out = dots + o->alias;
+    for (const ContainedNode *n = o->contained; n != nullptr; n = n->next) out += " " + Tree(n->object, dots + ".");
     return out;
   }
   // Every entry, "keyword=value" joined by "|"; the list is destroyed.
@@ -64,12 +52,8 @@ const char kExtra[] =
 
 TEST_F(ContainTest, ChainsOneLevelOrWholeTreesInReverseOrderOfDiscovery) {
   Add(kExtra + std::string("long::::ObjContains=\"") + std::string(480, 'x') + ",tty03\"\n");
-  struct Case {
-    const char *alias;
-    unsigned char flags;
-    int rc;
-    const char *tree;  // "kept": the chain given before the call stays
-  } cases[] = {
+  // tree "kept": the chain given before the call stays
+  struct Case { const char *alias; unsigned char flags; int rc; const char *tree; } cases[] = {
       {"scsi0", 0, 0, "scsi0 .tape0 .disk2 .disk1 .disk0"},
       {"scsi0", QDOBJECT, 0, "scsi0 .tape0 .disk2 .disk1 .disk0"},
       {"scsi0", QDCONTAINS, 0,

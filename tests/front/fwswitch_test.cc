@@ -10,8 +10,9 @@
 #include <algorithm>
 #include <memory>
 #include <string>
+#include <tuple>
 
-#include "qd.h"
+#include "list_util.h"
 #include "qd_paths.h"
 #include "sandbox.h"
 #include "trace_capture.h"
@@ -53,12 +54,7 @@ class Switch : public testing::Test {
     return ReadFile("/proc/self/maps").find(lib) != std::string::npos;
   }
   // The value of disk0's desc as the public query gives it.
-  static std::string Desc() {
-    NameValue *nv = QDgetattr("disk0", "desc");
-    std::string v = nv ? nv->value : "<null>";
-    free(nv);
-    return v;
-  }
+  static std::string Desc() { return pvtest::Value(QDgetattr("disk0", "desc")); }
   bool Traced(const std::string &s) const { return trace_->Has(s); }
 
   Sandbox box_;
@@ -71,10 +67,7 @@ TEST_F(Switch, AFrameworkServesTheQueriesAndWrites) {
   setenv("YRA_FW", "demo", 1);
   EXPECT_EQ(Desc(), "from the framework");
   EXPECT_EQ(IsOriginalQD(), 0);
-  NameValue *nv = QDgetmethod("disk0", "fwcmd");
-  ASSERT_NE(nv, nullptr);
-  EXPECT_STREQ(nv->value, "echo fw");
-  free(nv);
+  EXPECT_EQ(pvtest::Value(QDgetmethod("disk0", "fwcmd")), "echo fw");
   EXPECT_EQ(CheckerRuns(), 1) << "the checker runs once per decision";
   EXPECT_TRUE(Loaded("libQDdemo.so"));
   ObjectRecord *object = QDgetobj("disk0");
@@ -115,12 +108,8 @@ TEST_F(Switch, TheSettingsFileNamesTheFrameworkLastNonEmptyLineWins) {
 }
 
 TEST_F(Switch, DecisionFailuresFallBackToLocalService) {
-  struct Case {
-    const char *name;        // YRA_FW
-    const char *level;       // the run level the checker sees
-    bool checker;            // whether the checker exists
-    const char *trace;       // what the failure leaves in the trace
-  } cases[] = {
+  // YRA_FW, the run level the checker sees, whether the checker exists, what the failure leaves in the trace.
+  const std::tuple<const char *, const char *, bool, const char *> cases[] = {
       {"demo", "3", false, "Cannot stat() run-level checker - framework set to default"},
       {"demo", "1", true, "Run-level not appropriate for framework choice"},
       {"nosuch", "3", true, "libQDnosuch.so"},
@@ -128,35 +117,32 @@ TEST_F(Switch, DecisionFailuresFallBackToLocalService) {
       {"badinit", "3", true, "Error in FWinit, returned 7, using original QD"},
       {"../framework/demo", "3", true, "Invalid framework name: ../framework/demo"},
   };
-  for (const Case &c : cases) {
+  for (const auto &[name, level, checker, trace] : cases) {
     pid_t pid = fork();  // each decision is once per process
     if (pid == 0) {
-      setenv("YRA_FW", c.name, 1);
-      setenv("CHECKRUNLEVEL_LEVEL", c.level, 1);
-      if (!c.checker) setenv("QD_RUNLEVEL_CHECKER_PATH", "/nonexistent/CheckRunLevel", 1);
+      setenv("YRA_FW", name, 1);
+      setenv("CHECKRUNLEVEL_LEVEL", level, 1);
+      if (!checker) setenv("QD_RUNLEVEL_CHECKER_PATH", "/nonexistent/CheckRunLevel", 1);
       setenv("TAV_DEVTAB", QD_DEVTAB_PATH, 1);
-      bool ok = IsOriginalQD() == 1 && Traced(c.trace) && Traced("switch setting: 0");
+      bool ok = IsOriginalQD() == 1 && Traced(trace) && Traced("switch setting: 0");
       // Decided: later calls go straight to local service.
       ok = ok && IsOriginalQD() == 1 && Traced("switch setting: 1");
       _exit(ok ? 0 : 1);
     }
     int st = 0;
     waitpid(pid, &st, 0);
-    EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << c.name << "/" << c.level << "\n" << trace_->Text();
+    EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << name << "/" << level << "\n" << trace_->Text();
   }
 }
 
 TEST_F(Switch, AFrameworkMissingOneFunctionIsDroppedForTheRestOfTheProcess) {
   setenv("YRA_FW", "nogetattr", 1);
-  KeywordList *attrs = QDgetattrs("disk0");  // served by the framework
-  EXPECT_EQ(NumberOfKeywords(attrs), 4);     // cdevice, bdevice, pathname, desc
-  DestroyKeywordList(attrs);
+  // Served by the framework: cdevice, bdevice, pathname, desc.
+  EXPECT_EQ(NumberOfKeywords(pvtest::List(QDgetattrs("disk0")).get()), 4);
   // FWgetattr is missing: this call and every later one are local. The
   // default table does not exist in the sandbox, so local service finds nothing.
   EXPECT_EQ(Desc(), "<null>");
-  attrs = QDgetattrs("disk0");
-  EXPECT_EQ(attrs, nullptr) << "FWgetattrs is no longer used";
-  DestroyKeywordList(attrs);
+  EXPECT_FALSE(pvtest::List(QDgetattrs("disk0"))) << "FWgetattrs is no longer used";
 }
 
 TEST_F(Switch, SetFWswitchNullRunsNoCheckerAndOpensNoLibrary) {

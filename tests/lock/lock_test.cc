@@ -34,12 +34,7 @@ class Lock : public testing::Test {
     return "QDlock:fmtunit:" + std::to_string(pid) + ":" + what + ":" + kind + "\n";
   }
   // Acts from another thread, a moment later, while this one waits for a lock.
-  static std::thread Later(std::function<void()> act) {
-    return std::thread([act] {
-      usleep(200 * 1000);
-      act();
-    });
-  }
+  static std::thread Later(std::function<void()> act) { return std::thread([act] { usleep(200 * 1000); act(); }); }
 
   testing_support::Sandbox box_;
   TraceCapture trace_{box_, 8};

@@ -36,23 +36,44 @@ List Made(const Pairs &pairs, std::function<void(KeywordList *)> change) {
   return l;
 }
 
+std::string Write(KeywordList *list) {
+  char *buf = nullptr;
+  size_t len = 0;
+  FILE *out = open_memstream(&buf, &len);
+  EXPECT_EQ(KeywordListToStream(out, list), 0);
+  fclose(out);
+  std::string text(buf, len);
+  free(buf);
+  return text;
+}
+
+List Read(const std::string &text) {
+  FILE *in = fmemopen(const_cast<char *>(text.data()), text.size(), "r");
+  List list(KeywordStreamToList(in));
+  EXPECT_EQ(fclose(in), 0);  // the stream is left open for its owner
+  return list;
+}
+
+// Written, then read back.
+Pairs Again(const Pairs &pairs) {
+  List back = Read(Write(MakeList(pairs).get()));
+  return back ? All(back.get()) : Pairs{{"(null list)", ""}};
+}
+
 // Callers iterate a list made in any of these ways without resetting it;
 // otherwise an iteration goes on until they copy the first entry into the cursor.
 TEST(KeywordListCursor, FreshListsStartAtTheFirstEntryOthersWhereTheyStopped) {
   List src = MakeList(kAbc);
   Step(src.get());
-  char text[] = "a=1\nb=2\nc=3\n";
-  FILE *in = fmemopen(text, strlen(text), "r");
   List made[] = {
       MakeList(kAbc),
       Made({}, [&](KeywordList *l) { AddKeywordListToList(l, src.get()); }),
       List(DuplicateKeywordList(src.get())),
-      List(KeywordStreamToList(in)),
+      Read("a=1\nb=2\nc=3\n"),
       Made({{"a", "1"}, {"a", "x"}, {"b", "2"}, {"c", "3"}, {"b", "y"}},
            [](KeywordList *l) { RemoveDuplicateKeywordFmList(l); }),
       Made({{"z", "0"}, {"a", "1"}, {"b", "2"}, {"c", "3"}}, [](KeywordList *l) { RemoveKeywordFmList(l, "z"); }),
   };
-  fclose(in);
   for (List &l : made) EXPECT_EQ(Rest(l.get()), kAbc) << &l - made;
   UpdateKeywordInList(made[2].get(), "b", "changed");  // the copy is deep
   EXPECT_EQ(Rest(src.get()), Pairs({{"b", "2"}, {"c", "3"}}));
@@ -145,67 +166,65 @@ TEST(KeywordList, AddValueJoinsItemsOnceEach) {
 // plain model of the list says, with the cursor where the model has it, and
 // must not keep growing.
 TEST(KeywordListStorage, LongRunsOfChangesMatchAModelAndStayBounded) {
-  {
-    List l(DuplicateKeywordList(MakeList(kAbc).get()));
-    Pairs model = kAbc;
-    size_t cursor = 0;  // the model's entry the cursor delivers next
-    auto appended = [&](const std::string &k, const std::string &v) {
-      // An exhausted cursor stays so, unless the list was empty.
-      size_t end = model.empty() ? 0 : cursor >= model.size() ? model.size() + 1 : cursor;
-      model.emplace_back(k, v);
-      cursor = end;
-    };
-    unsigned state = 7;
-    auto rnd = [&state](unsigned n) { return ((state = state * 1103515245u + 12345u) >> 16) % n; };
-    size_t peak = 0;
-    for (int step = 0; step < 20000; ++step) {
-      std::string kw = "k" + std::to_string(rnd(6));
-      std::string value(rnd(4) == 0 ? 40 + rnd(200) : rnd(12), static_cast<char>('a' + step % 26));
-      size_t first = 0;
-      while (first < model.size() && model[first].first != kw) ++first;
-      switch (rnd(5)) {
-        case 0:
-          ASSERT_EQ(AddKeywordToList(l.get(), kw.c_str(), value.c_str()), KWL_OK);
-          appended(kw, value);
-          break;
-        case 1:
-          ASSERT_EQ(UpdateKeywordInList(l.get(), kw.c_str(), value.c_str()), KWL_OK);
-          if (first == model.size()) appended(kw, value);
-          else model[first].second = value;
-          break;
-        case 2: {
-          RemoveKeywordFmList(l.get(), kw.c_str());
-          Pairs kept;
-          size_t moved = cursor;
-          for (size_t i = 0; i < model.size(); ++i) {
-            if (model[i].first != kw) kept.push_back(model[i]);
-            else if (i < cursor) --moved;
-          }
-          model = kept;
-          cursor = moved;
-          break;
+  List l(DuplicateKeywordList(MakeList(kAbc).get()));
+  Pairs model = kAbc;
+  size_t cursor = 0;  // the model's entry the cursor delivers next
+  auto appended = [&](const std::string &k, const std::string &v) {
+    // An exhausted cursor stays so, unless the list was empty.
+    size_t end = model.empty() ? 0 : cursor >= model.size() ? model.size() + 1 : cursor;
+    model.emplace_back(k, v);
+    cursor = end;
+  };
+  unsigned state = 7;
+  auto rnd = [&state](unsigned n) { return ((state = state * 1103515245u + 12345u) >> 16) % n; };
+  size_t peak = 0;
+  for (int step = 0; step < 20000; ++step) {
+    std::string kw = "k" + std::to_string(rnd(6));
+    std::string value(rnd(4) == 0 ? 40 + rnd(200) : rnd(12), static_cast<char>('a' + step % 26));
+    size_t first = 0;
+    while (first < model.size() && model[first].first != kw) ++first;
+    switch (rnd(5)) {
+      case 0:
+        ASSERT_EQ(AddKeywordToList(l.get(), kw.c_str(), value.c_str()), KWL_OK);
+        appended(kw, value);
+        break;
+      case 1:
+        ASSERT_EQ(UpdateKeywordInList(l.get(), kw.c_str(), value.c_str()), KWL_OK);
+        if (first == model.size()) appended(kw, value);
+        else model[first].second = value;
+        break;
+      case 2: {
+        RemoveKeywordFmList(l.get(), kw.c_str());
+        Pairs kept;
+        size_t moved = cursor;
+        for (size_t i = 0; i < model.size(); ++i) {
+          if (model[i].first != kw) kept.push_back(model[i]);
+          else if (i < cursor) --moved;
         }
-        case 3:
-          l->kwl_cursor = l->kwl_first;
-          cursor = 0;
-          break;
-        default:
-          if (cursor < model.size()) {
-            char *k = nullptr, *v = nullptr;
-            ASSERT_EQ(ReferenceNextKeywordInList(l.get(), &k, &v), KWL_OK);
-            ASSERT_EQ(Pairs::value_type(k, v), model[cursor++]) << "step " << step;
-          }
+        model = kept;
+        cursor = moved;
+        break;
       }
-      size_t bytes = 0;
-      for (const auto &p : model) bytes += p.first.size() + p.second.size();
-      peak = std::max(peak, bytes);
+      case 3:
+        l->kwl_cursor = l->kwl_first;
+        cursor = 0;
+        break;
+      default:
+        if (cursor < model.size()) {
+          char *k = nullptr, *v = nullptr;
+          ASSERT_EQ(ReferenceNextKeywordInList(l.get(), &k, &v), KWL_OK);
+          ASSERT_EQ(Pairs::value_type(k, v), model[cursor++]) << "step " << step;
+        }
     }
-    EXPECT_EQ(All(l.get()), model);
-    EXPECT_EQ(NumberOfKeywords(l.get()), static_cast<int>(model.size()));
-    size_t before = mallinfo2().uordblks;
-    l.reset();
-    EXPECT_LE(before - mallinfo2().uordblks, 64 * 1024 + 4 * (peak + 32 * model.size())) << "peak " << peak;
+    size_t bytes = 0;
+    for (const auto &p : model) bytes += p.first.size() + p.second.size();
+    peak = std::max(peak, bytes);
   }
+  EXPECT_EQ(All(l.get()), model);
+  EXPECT_EQ(NumberOfKeywords(l.get()), static_cast<int>(model.size()));
+  size_t before = mallinfo2().uordblks;
+  l.reset();
+  EXPECT_LE(before - mallinfo2().uordblks, 64 * 1024 + 4 * (peak + 32 * model.size())) << "peak " << peak;
 }
 
 // A string handed in may lie in the list being changed.
@@ -302,30 +321,6 @@ TEST(IsInCommaList, MatchesWholeTrimmedItemsExactly) {
         << (std::get<0>(c) ? std::get<0>(c) : "(null)") << " in " << (std::get<1>(c) ? std::get<1>(c) : "(null)");
 }
 
-std::string Write(KeywordList *list) {
-  char *buf = nullptr;
-  size_t len = 0;
-  FILE *out = open_memstream(&buf, &len);
-  EXPECT_EQ(KeywordListToStream(out, list), 0);
-  fclose(out);
-  std::string text(buf, len);
-  free(buf);
-  return text;
-}
-
-List Read(const std::string &text) {
-  FILE *in = fmemopen(const_cast<char *>(text.data()), text.size(), "r");
-  List list(KeywordStreamToList(in));
-  EXPECT_EQ(fclose(in), 0);  // the stream is left open for its owner
-  return list;
-}
-
-// Written, then read back.
-Pairs Again(const Pairs &pairs) {
-  List back = Read(Write(MakeList(pairs).get()));
-  return back ? All(back.get()) : Pairs{{"(null list)", ""}};
-}
-
 // Generated lists are the fuzzer's (fuzz_kwstream).
 TEST(KeywordStream, AwkwardListsSurviveTheRoundTrip) {
   const Pairs awkward = {
@@ -337,6 +332,11 @@ TEST(KeywordStream, AwkwardListsSurviveTheRoundTrip) {
   };
   for (const auto &p : awkward) EXPECT_EQ(Again({p}), Pairs({p})) << Write(MakeList({p}).get());
   EXPECT_EQ(Again(awkward), awkward);
+  List l = MakeList(kAbc);
+  Step(l.get());
+  EXPECT_EQ(Write(l.get()), "a=1\nb=2\nc=3\n") << "the whole list, and the cursor stays";
+  EXPECT_EQ(Rest(l.get()), Pairs({{"b", "2"}, {"c", "3"}}));
+  EXPECT_NE(KeywordListToStream(nullptr, l.get()), 0);
 }
 
 TEST(KeywordStream, HandWrittenTextReadsAsMeantBadLinesAreSkippedAndTraced) {
@@ -358,27 +358,13 @@ TEST(KeywordStream, HandWrittenTextReadsAsMeantBadLinesAreSkippedAndTraced) {
       "url=http://host/a=b#frag\n"
       "last=no newline");
   ASSERT_NE(l, nullptr);
-  EXPECT_EQ(pvtest::Rest(l.get()), Pairs({{"YRA_FW", "local"},
-                                         {"spaced", "value with  inner blanks"},
-                                         {"quoted", "  kept  "},
-                                         {"escaped", "a\"b\\c\nd"},
-                                         {"crlf", "dos"},
-                                         {"empty", ""},
-                                         {"url", "http://host/a=b#frag"},
-                                         {"last", "no newline"}}));
+  EXPECT_EQ(Rest(l.get()), Pairs({{"YRA_FW", "local"}, {"spaced", "value with  inner blanks"}, {"quoted", "  kept  "},
+                                  {"escaped", "a\"b\\c\nd"}, {"crlf", "dos"}, {"empty", ""},
+                                  {"url", "http://host/a=b#frag"}, {"last", "no newline"}}));
   for (const char *line : {"line 9:", "line 10:", "line 11:", "line 12:", "line 13:"})
     EXPECT_TRUE(trace.Has(line)) << line << " not reported in:\n" << trace.Text();
   EXPECT_FALSE(trace.Has("line 1:") || trace.Has("line 8:") || trace.Has("line 14:")) << trace.Text();
   EXPECT_EQ(NumberOfKeywords(Read("# only a comment\n\n").get()), 0);
-}
-
-TEST(KeywordStream, WritingLeavesTheCursorAndRefusesBadArguments) {
-  List l = MakeList({{"a", "1"}, {"b", "2"}, {"c", "3"}});
-  char *kw = nullptr, *value = nullptr;
-  ReferenceNextKeywordInList(l.get(), &kw, &value);
-  EXPECT_EQ(Write(l.get()), "a=1\nb=2\nc=3\n");
-  EXPECT_EQ(pvtest::Rest(l.get()), Pairs({{"b", "2"}, {"c", "3"}}));
-  EXPECT_NE(KeywordListToStream(nullptr, l.get()), 0);
 }
 
 }  // namespace

@@ -22,32 +22,22 @@ using devtab::Entry;
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 
 // An entry as plain values: alias, positional fields, pairs.
-struct Want {
-  std::string alias;
-  std::vector<std::string> positional;
-  Pairs pairs;
-  bool operator==(const Want &o) const { return alias == o.alias && positional == o.positional && pairs == o.pairs; }
-};
-
-std::ostream &operator<<(std::ostream &os, const Want &w) {
-  return os << testing::PrintToString(w.alias) << testing::PrintToString(w.positional)
-            << testing::PrintToString(w.pairs);
-}
+using Want = std::tuple<std::string, std::vector<std::string>, Pairs>;
 
 Want Read(const std::string &text, Defect *defect = nullptr) {
   Entry e;
   Defect d = devtab::ParseEntry(text, &e);
   if (defect != nullptr) *defect = d;
   Want w{e.alias, {e.positional[0], e.positional[1], e.positional[2]}, {}};
-  for (size_t i = 0; i < e.npairs; ++i) w.pairs.emplace_back(e.pairs[i].name, e.pairs[i].value);
+  for (size_t i = 0; i < e.npairs; ++i) std::get<2>(w).emplace_back(e.pairs[i].name, e.pairs[i].value);
   return w;
 }
 
 std::string Format(const Want &w) {
   Entry e;
-  e.alias = w.alias;
-  for (int i = 0; i < 3; ++i) e.positional[i] = w.positional[static_cast<size_t>(i)];
-  for (const auto &p : w.pairs) {
+  e.alias = std::get<0>(w);
+  for (int i = 0; i < 3; ++i) e.positional[i] = std::get<1>(w)[static_cast<size_t>(i)];
+  for (const auto &p : std::get<2>(w)) {
     devtab::Pair &pair = e.AddPair();
     pair.name = p.first;
     pair.value = p.second;
@@ -59,7 +49,8 @@ std::string Format(const Want &w) {
 
 // The entry as it reads back: the writer puts methods after attributes.
 Want MethodsLast(Want w) {
-  std::stable_partition(w.pairs.begin(), w.pairs.end(), [](const auto &p) { return !devtab::IsMethodName(p.first); });
+  Pairs &p = std::get<2>(w);
+  std::stable_partition(p.begin(), p.end(), [](const auto &pair) { return !devtab::IsMethodName(pair.first); });
   return w;
 }
 
@@ -78,7 +69,7 @@ TEST(DevtabFormat, EachEntryIsWrittenAsItsLineAndReadsBack) {
       {{" b", {"", "", ""}, {}}, "\\ b::::\n"},
   };
   for (const auto &c : cases) {
-    EXPECT_EQ(Format(c.first), c.second) << c.first;
+    EXPECT_EQ(Format(c.first), c.second) << testing::PrintToString(c.first);
     EXPECT_EQ(Read(std::string(c.second).substr(0, strlen(c.second) - 1)), MethodsLast(c.first)) << c.second;
   }
 }

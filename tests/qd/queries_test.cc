@@ -6,36 +6,22 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <map>
 #include <string>
 
-#include "qd.h"
+#include "list_util.h"
 #include "trace_capture.h"
 
+using pvtest::All;
+using pvtest::Pairs;
+using pvtest::Value;
 using testing_support::ReadFile;
 using testing_support::Sandbox;
-using testing_support::WriteFile;
-using Map = std::map<std::string, std::string>;
 
 namespace {
 
-Map ToMap(KeywordList *list) {
-  Map m;
-  list->kwl_cursor = list->kwl_first;
-  char *kw, *value;
-  while (ReferenceNextKeywordInList(list, &kw, &value) != KWL_END) m[kw] = value;
-  return m;
-}
-
-std::string Value(NameValue *nv) {
-  std::string v = nv != nullptr ? nv->value : "<null>";
-  free(nv);
-  return v;
-}
-
 // A unitprop that prints `output` and logs its arguments.
 std::string FakeUnitprop(const Sandbox &box, const std::string &output) {
-  WriteFile(box.Path("fake.out"), output);
+  testing_support::WriteFile(box.Path("fake.out"), output);
   return testing_support::FakeCommand(box, "unitprop", "cat '" + box.Path("fake.out") + "'");
 }
 
@@ -46,13 +32,10 @@ TEST(Queries, ReadValuesAttributesMethodsAndWholeObjects) {
   EXPECT_EQ(Value(QDLgetmethod("net0", "restartfunc")), "downcmd[10][x],upcmd[20][?]");
   for (NameValue *none : {QDLgetattr("nosuch", "desc"), QDLgetattr("disk0", "nosuch"), QDLgetmethod("disk0", "desc")})
     EXPECT_EQ(none, nullptr);
-  KeywordList *attrs = QDLgetattrs("floppy0"), *methods = QDLgetmethods("floppy0");
-  EXPECT_EQ(ToMap(attrs), (Map{{"cdevice", "/dev/rdsk/f0"}, {"bdevice", "/dev/dsk/f0"}, {"pathname", ""},
-                               {"class", "floppy"}, {"type", "3.5in"}, {"desc", "Floppy drive"},
-                               {"density", "720k,1.44m"}}));
-  EXPECT_EQ(ToMap(methods), (Map{{"formatcmd", "fdformat /dev/rdsk/f0"}}));
-  DestroyKeywordList(attrs);
-  DestroyKeywordList(methods);
+  EXPECT_EQ(All(pvtest::List(QDLgetattrs("floppy0")).get()),
+            (Pairs{{"cdevice", "/dev/rdsk/f0"}, {"bdevice", "/dev/dsk/f0"}, {"pathname", ""}, {"class", "floppy"},
+                   {"type", "3.5in"}, {"desc", "Floppy drive"}, {"density", "720k,1.44m"}}));
+  EXPECT_EQ(All(pvtest::List(QDLgetmethods("floppy0")).get()), (Pairs{{"formatcmd", "fdformat /dev/rdsk/f0"}}));
   EXPECT_EQ(QDLgetattrs("nosuch"), nullptr);
   ObjectRecord *o = QDgetobj("tape1");
   ASSERT_NE(o, nullptr);
@@ -88,10 +71,9 @@ TEST(Queries, OutputLinesBecomeValues) {
                     "no equals sign here\n" + n33 + "='ok'\n" + n34 + "='refused'\nv513='" +
                         std::string(513, 'a') + "'\nv514='" + std::string(514, 'b') + "'\nruncmd='echo hi'\n");
   TraceCapture trace(box, 3);
-  KeywordList *attrs = QDLgetattrs("x");
-  EXPECT_EQ(ToMap(attrs), (Map{{"desc", "Disk drive"}, {"bare", "unquoted value"}, {"quoted", "it's inside"},
-                               {n33, "ok"}, {"v513", std::string(513, 'a')}}));
-  DestroyKeywordList(attrs);
+  EXPECT_EQ(All(pvtest::List(QDLgetattrs("x")).get()), (Pairs{{"desc", "Disk drive"}, {"bare", "unquoted value"},
+                                                              {"quoted", "it's inside"}, {n33, "ok"},
+                                                              {"v513", std::string(513, 'a')}}));
   EXPECT_TRUE(trace.Has("Invalid keyword:too many characters:[" + n34 + "]\n"));
   EXPECT_TRUE(trace.Has("Invalid keyword value;too many characters:[" + std::string(514, 'b')));
 }

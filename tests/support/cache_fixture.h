@@ -7,11 +7,10 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <map>
 #include <string>
 #include <vector>
 
-#include "qd.h"
+#include "list_util.h"
 #include "sandbox.h"
 
 class CacheTest : public testing::Test {
@@ -19,14 +18,6 @@ class CacheTest : public testing::Test {
   void TearDown() override { QDcache_free(); }
   void Settings(const std::string &text) const { testing_support::WriteFile(box_.Path("rc"), text); }
 
-  static std::map<std::string, std::string> Pairs(KeywordList *list) {
-    std::map<std::string, std::string> m;
-    list->kwl_cursor = list->kwl_first;
-    char *kw, *value;
-    int st;
-    while ((st = ReferenceNextKeywordInList(list, &kw, &value)) == KWL_OK || st == KWL_WARN) m[kw] = value;
-    return m;
-  }
   static std::string Attr(const char *alias, const char *name) {
     oce *e = QDcache_find_alias(alias);
     if (e == nullptr) return "<no entry>";

@@ -44,6 +44,13 @@ inline Pairs All(KeywordList *list) {
   return Rest(list);
 }
 
+// A returned value, or "<null>" for none; the record is freed.
+inline std::string Value(NameValue *nv) {
+  std::string v = nv != nullptr ? nv->value : "<null>";
+  free(nv);
+  return v;
+}
+
 using Aliases = std::vector<std::string>;
 
 // An alias chain as the library builds one, from malloc.

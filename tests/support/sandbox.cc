@@ -1,14 +1,12 @@
 #include "sandbox.h"
 
-#include <fcntl.h>
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -80,28 +78,28 @@ int Sandbox::Count(const std::string &prefix) const {
 
 namespace {
 
-std::string Drain(int fd) {
+// What the program wrote into the file, from its start.
+std::string Drain(FILE *file) {
+  rewind(file);
   std::string s;
   char buf[65536];
-  ssize_t n;
-  while ((n = read(fd, buf, sizeof buf)) > 0) s.append(buf, static_cast<size_t>(n));
+  for (size_t n; (n = fread(buf, 1, sizeof buf, file)) > 0;) s.append(buf, n);
   return s;
 }
 
 }  // namespace
 
 RunResult RunProgram(const std::vector<std::string> &argv, const std::string &input) {
-  char in_tmpl[] = "/tmp/qdin.XXXXXX", out_tmpl[] = "/tmp/qdout.XXXXXX", err_tmpl[] = "/tmp/qderr.XXXXXX";
-  int in = mkstemp(in_tmpl), out = mkstemp(out_tmpl), err = mkstemp(err_tmpl);
-  if (in < 0 || out < 0 || err < 0) throw std::runtime_error("mkstemp failed");
-  if (!input.empty() && write(in, input.data(), input.size()) != static_cast<ssize_t>(input.size()))
+  FILE *in = tmpfile(), *out = tmpfile(), *err = tmpfile();  // each removed when closed
+  if (in == nullptr || out == nullptr || err == nullptr) throw std::runtime_error("tmpfile failed");
+  if (fwrite(input.data(), 1, input.size(), in) != input.size() || fflush(in) != 0)
     throw std::runtime_error("short write");
-  lseek(in, 0, SEEK_SET);
+  rewind(in);
   posix_spawn_file_actions_t fa;
   posix_spawn_file_actions_init(&fa);
-  posix_spawn_file_actions_adddup2(&fa, in, 0);
-  posix_spawn_file_actions_adddup2(&fa, out, 1);
-  posix_spawn_file_actions_adddup2(&fa, err, 2);
+  posix_spawn_file_actions_adddup2(&fa, fileno(in), 0);
+  posix_spawn_file_actions_adddup2(&fa, fileno(out), 1);
+  posix_spawn_file_actions_adddup2(&fa, fileno(err), 2);
   std::vector<char *> args;
   for (const std::string &a : argv) args.push_back(const_cast<char *>(a.c_str()));
   args.push_back(nullptr);
@@ -114,16 +112,9 @@ RunResult RunProgram(const std::vector<std::string> &argv, const std::string &in
     r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
   }
   posix_spawn_file_actions_destroy(&fa);
-  lseek(out, 0, SEEK_SET);
-  lseek(err, 0, SEEK_SET);
   r.out = Drain(out);
   r.err = Drain(err);
-  close(in);
-  close(out);
-  close(err);
-  unlink(in_tmpl);
-  unlink(out_tmpl);
-  unlink(err_tmpl);
+  for (FILE *f : {in, out, err}) fclose(f);
   return r;
 }
 

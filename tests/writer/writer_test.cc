@@ -15,10 +15,24 @@
 #include <cstring>
 
 #include "cache_fixture.h"
+#include "list_util.h"
 
 namespace {
 
+using testing_support::Command;
 using testing_support::ReadFile;
+using testing_support::RunProgram;
+using testing_support::WriteFile;
+
+std::string Prop(const char *alias, const char *name) {
+  auto r = RunProgram({Command("unitprop"), alias, name});
+  return r.status == 0 ? r.out.substr(0, r.out.size() - 1) : "<" + std::to_string(r.status) + ">";
+}
+
+size_t Aliases() {
+  auto r = RunProgram({Command("unitlist")});
+  return static_cast<size_t>(std::count(r.out.begin(), r.out.end(), '\n'));
+}
 
 class Put : public CacheTest {
  protected:
@@ -31,10 +45,8 @@ class Put : public CacheTest {
   std::string Log() const { return access(log_.c_str(), F_OK) == 0 ? ReadFile(log_) : ""; }
   // A put loads the cache for the rest of the process; the cache is let go
   // again, so that what follows works on the table.
-  int Write(const char *alias, std::initializer_list<std::pair<const char *, const char *>> pairs) {
-    KeywordList *l = List(pairs);
-    int rc = QDput(alias, l);
-    DestroyKeywordList(l);
+  int Write(const char *alias, const pvtest::Pairs &pairs) {
+    int rc = QDput(alias, pvtest::MakeList(pairs).get());
     QDcache_free();
     return rc;
   }
@@ -48,20 +60,19 @@ TEST_F(Put, CommandLinesCarryEveryValueLiterallyOrRefuseIt) {
                          {"shell", "$(touch pwned) `id` ; | >"}, {"tab", "a\tb"}, {"odd key", "v"}});
   EXPECT_EQ(QDput("disk0", l), 0);
   EXPECT_EQ(Log(), "<-m><disk0><plain=x y><empty=><quoted=as is><shell=$(touch pwned) `id` ; | >><tab=a b><odd key=v>\n");
-  EXPECT_EQ(Pairs(l)["tab"], "a b") << "the caller's list keeps the blank";
+  EXPECT_EQ(pvtest::All(l)[5].second, "a b") << "the caller's list keeps the blank";
   EXPECT_NE(access("pwned", F_OK), 0);
   DestroyKeywordList(l);
   for (const char *bad : {"\"$(touch pwned)\"", "\"open", "close\"", "\"a\"b\""})
     EXPECT_EQ(Write("disk0", {{"desc", bad}}), -1) << bad;
   std::string calls = Log();
   EXPECT_EQ(std::count(calls.begin(), calls.end(), '\n'), 1) << "a refused value ran unitmod";
-  l = List({{"desc", "Disk drive"}, {"alias", "disk0"}, {"n", "\"1\""}});
-  char *command = BuildPutCommand("disk0", l, "-m");
+  char *command =
+      BuildPutCommand("disk0", pvtest::MakeList({{"desc", "Disk drive"}, {"alias", "disk0"}, {"n", "\"1\""}}).get(), "-m");
   ASSERT_NE(command, nullptr);
   OverlayPutCommand(command, "-a");
   EXPECT_STREQ(command, "unitmod -a disk0\\\n desc=\"Disk drive\"\\\n n=\"1\"");
   free(command);
-  DestroyKeywordList(l);
 }
 
 TEST_F(Put, ModifyThenAddConflictsFailuresAndTheTimeStamp) {
@@ -76,21 +87,19 @@ TEST_F(Put, ModifyThenAddConflictsFailuresAndTheTimeStamp) {
   KeywordList *l = List({{"class", "disk"}, {"class", "dup"}, {"ObjTimestamp", "old"}});
   EXPECT_EQ(QDput("disk0", l), KWL_DUPLICATE);
   EXPECT_NE(Log().find("<-m><disk0><class=disk><ObjTimestamp=old>\n"), std::string::npos) << Log();
-  EXPECT_EQ(Pairs(l), (std::map<std::string, std::string>{{"class", "disk"}})) << "the stamp leaves the list";
+  EXPECT_EQ(pvtest::All(l), (pvtest::Pairs{{"class", "disk"}})) << "the stamp leaves the list";
   DestroyKeywordList(l);
-  l = List({{"class", "disk"}});
-  QDput("disk1", l);
+  QDput("disk1", pvtest::MakeList({{"class", "disk"}}).get());
   EXPECT_NE(Log().find("<-m><disk1><class=disk><ObjTimestamp=0126,10,22,10,00,00,0,325,00>\n"), std::string::npos);
-  DestroyKeywordList(l);
 }
 
 TEST_F(Put, RealUnitmodAddsAndDeletesWriteTheirArchiveCopyFirst) {
   EXPECT_EQ(Write("tape9", {{"class", "tape"}, {"desc", "spare: slot 3"}}), 0);
-  EXPECT_EQ(testing_support::RunProgram({testing_support::Command("unitprop"), "tape9", "desc"}).out, "spare: slot 3\n");
+  EXPECT_EQ(Prop("tape9", "desc"), "spare: slot 3");
   EXPECT_EQ(QDdelete("nosuch"), 3);
   EXPECT_TRUE(Archived().empty());
   EXPECT_EQ(QDdelete("lp0"), 0);  // timestamping off: filed under now, off again after
-  EXPECT_EQ(testing_support::RunProgram({testing_support::Command("unitprop"), "lp0", "class"}).status, 3);
+  EXPECT_EQ(Prop("lp0", "class"), "<3>");
   std::vector<std::string> files = Archived();
   ASSERT_EQ(files.size(), 1u);
   EXPECT_EQ(QDtimestamp.tm_mday, 0);
@@ -112,29 +121,12 @@ TEST_F(Put, TheRunDirectoryIsBuiltOncePerProcessAndNeverLeft) {
   EXPECT_NE(access(box_.Path("archive/escape").c_str(), F_OK), 0);
 }
 
-using testing_support::Command;
-using testing_support::ReadFile;
-using testing_support::RunProgram;
-using testing_support::WriteFile;
-
-std::string Prop(const char *alias, const char *name) {
-  auto r = RunProgram({Command("unitprop"), alias, name});
-  return r.status == 0 ? r.out.substr(0, r.out.size() - 1) : "<" + std::to_string(r.status) + ">";
-}
-
-size_t Aliases() {
-  auto r = RunProgram({Command("unitlist")});
-  return static_cast<size_t>(std::count(r.out.begin(), r.out.end(), '\n'));
-}
-
 // Runs a put of disk1 state=offline with direct saving in a child process.
 int PutInChild(const char *fault) {
   pid_t pid = fork();
   if (pid == 0) {
     if (fault != nullptr) setenv("QD_FAULT", fault, 1);
-    KeywordList *l = CreateKeywordList();
-    AddKeywordToList(l, "state", "offline");
-    _exit(QDput("disk1", l) == 0 ? 0 : 1);
+    _exit(QDput("disk1", pvtest::MakeList({{"state", "offline"}}).get()) == 0 ? 0 : 1);
   }
   int st = 0;
   waitpid(pid, &st, 0);
@@ -143,24 +135,23 @@ int PutInChild(const char *fault) {
 
 class Safety : public CacheTest {};
 
-TEST_F(Safety, AFlushKilledAtAnyPointLeavesTheOldOrTheNewTable) {
-  struct Case {
-    const char *point;
-    bool replaced;
-  } cases[] = {
-      {"flush-writing", false}, {"temp-written", false}, {"before-rename", false}, {"after-rename", true},
+TEST_F(Safety, AFlushKilledOrFailingAtAnyPointLeavesTheOldOrTheNewTable) {
+  const std::string sample = ReadFile(testing_support::SampleTablePath());
+  const std::tuple<const char *, int, bool> cases[] = {  // the fault, how the put ends, whether the table was replaced
+      {"kill@flush-writing", -SIGKILL, false}, {"kill@temp-written", -SIGKILL, false},
+      {"kill@before-rename", -SIGKILL, false}, {"kill@after-rename", -SIGKILL, true},
+      {"enospc@1", 1, false},                  {"eio@fsync", 1, false},
   };
-  for (const Case &c : cases) {
-    box_.WriteTable(ReadFile(testing_support::SampleTablePath()));
-    EXPECT_EQ(PutInChild((std::string("kill@") + c.point).c_str()), -SIGKILL) << c.point;
-    EXPECT_EQ(Aliases(), 32u) << c.point;
-    EXPECT_EQ(Prop("disk1", "state"), c.replaced ? "offline" : "online") << c.point;
-    EXPECT_EQ(Prop("tty07", "speed"), "115200") << c.point;
+  for (const auto &[fault, end, replaced] : cases) {
+    box_.WriteTable(sample);
+    EXPECT_EQ(PutInChild(fault), end) << fault;
+    if (replaced) EXPECT_TRUE(Aliases() == 32 && Prop("disk1", "state") == "offline" && Prop("tty07", "speed") == "115200");
+    else EXPECT_EQ(box_.ReadTable(), sample) << fault;
     // The next writer, whichever it is, removes what the killed one left.
-    EXPECT_EQ(box_.Count(".units.tab.new."), c.replaced ? 0 : 1) << c.point;
+    EXPECT_EQ(box_.Count(".units.tab.new."), end == -SIGKILL && !replaced ? 1 : 0) << fault;
     auto r = RunProgram({Command("unitmod"), "-m", "tty07", "speed=57600"});
     EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(box_.Count(".units.tab.new."), 0) << c.point;
+    EXPECT_EQ(box_.Count(".units.tab.new."), 0) << fault;
   }
 }
 
@@ -182,9 +173,7 @@ TEST_F(Safety, ReadersRacingAThousandRewritesSeeOnlyWholeTables) {
     _exit(127);
   }
   for (int i = 1; i <= 1000; ++i) {
-    KeywordList *l = List({{"gen", std::to_string(i).c_str()}});
-    ASSERT_EQ(QDput(i % 2 ? "e75" : "e10", l), 0);
-    DestroyKeywordList(l);
+    ASSERT_EQ(QDput(i % 2 ? "e75" : "e10", pvtest::MakeList({{"gen", std::to_string(i)}}).get()), 0);
   }
   WriteFile(stop, "");
   waitpid(reader, nullptr, 0);
@@ -242,9 +231,7 @@ TEST_F(Safety, TheFileLockMovesToTheReplacedTable) {
   setenv("TAV_DEVTAB", link.c_str(), 1);
   ASSERT_EQ(QDlock_fp(QDWRITE), 0);
   ASSERT_EQ(QDcache_load(), 0);
-  KeywordList *l = List({{"state", "offline"}});
-  ASSERT_EQ(QDput("disk1", l), 0);
-  DestroyKeywordList(l);
+  ASSERT_EQ(QDput("disk1", pvtest::MakeList({{"state", "offline"}}).get()), 0);
   ASSERT_EQ(QDcache_flush(), 0);
   pid_t pid = fork();
   if (pid == 0) {
@@ -263,15 +250,9 @@ TEST_F(Safety, TheFileLockMovesToTheReplacedTable) {
   EXPECT_TRUE(lstat(link.c_str(), &ls) == 0 && S_ISLNK(ls.st_mode));
 }
 
-// A full disk, a failed sync or a real small file system (where the test
-// may make one) leave the table as it was.
-TEST_F(Safety, AFullDiskOrAFailedSyncLeavesTheTableUnchanged) {
-  for (const char *fault : {"enospc@1", "eio@fsync"}) {
-    std::string before = box_.ReadTable();
-    EXPECT_EQ(PutInChild(fault), 1) << fault;
-    EXPECT_EQ(box_.ReadTable(), before) << fault;
-    EXPECT_EQ(box_.Count(".units.tab.new."), 0) << fault;
-  }
+// A real small file system (where the test may make one) without room for
+// the new table leaves the old one as it was.
+TEST_F(Safety, AFullFileSystemLeavesTheTableUnchanged) {
   std::string mnt = box_.Path("small");
   mkdir(mnt.c_str(), 0755);
   if (mount("tmpfs", mnt.c_str(), "tmpfs", 0, "size=64k") != 0)
@@ -280,9 +261,7 @@ TEST_F(Safety, AFullDiskOrAFailedSyncLeavesTheTableUnchanged) {
   WriteFile(table, before);
   setenv("TAV_DEVTAB", table.c_str(), 1);
   WriteFile(mnt + "/filler", std::string(64 * 1024 - before.size() - 6 * 1024, 'x'));  // less room than needed
-  KeywordList *l = List({{"state", "offline"}});
-  EXPECT_EQ(QDput("disk1", l), -1);
-  DestroyKeywordList(l);
+  EXPECT_EQ(QDput("disk1", pvtest::MakeList({{"state", "offline"}}).get()), -1);
   EXPECT_EQ(ReadFile(table), before);
   umount2(mnt.c_str(), MNT_DETACH);
 }
@@ -301,9 +280,8 @@ TEST_F(Safety, ConcurrentWritersLoseNothing) {
     if (pid == 0) {
       setenv("TAV_LIBQDRC", box_.Path(w % 2 == 0 ? "direct.rc" : "unitmod.rc").c_str(), 1);
       for (int i = 0; i < kEach; ++i) {
-        KeywordList *l = List({{("w" + std::to_string(w) + "_" + std::to_string(i)).c_str(), std::to_string(i).c_str()}});
-        if (QDput("net1", l) != 0) _exit(1);
-        DestroyKeywordList(l);
+        std::string name = "w" + std::to_string(w) + "_" + std::to_string(i);
+        if (QDput("net1", pvtest::MakeList({{name, std::to_string(i)}}).get()) != 0) _exit(1);
       }
       _exit(0);
     }
