@@ -142,12 +142,14 @@ TEST_F(Load, DirectLoadKeepsTableOrderAndTheLoadersRules) {
   std::string long_alias(40, 'L');
   box_.WriteTable("a::::k=\"1\"\n"
                   "b:::/mnt:desc=\"first\" desc=\"second\"\n"
+                  "b:/dev/b2:::desc=\"third\" alias=\"x\" extra=\"e\"\n"  // one object with the line before
                   "c:/dev/c:::zz=\"1\" ObjTimestamp=\"0097,02,14,09,05,03,5,072,00\" aa=\"2\" upcmd=\"up\"\n" +
                   long_alias + ":::: x=\"1\" y=\"2\"\n");
   ASSERT_EQ(QDcache_load(), 0);
   EXPECT_EQ(QueueAliases(), (V{"a", "b", "c", long_alias}));
   EXPECT_EQ(Keys(QDcache_find_alias("a")->objptr->attributes), (V{"pathname", "k"}));  // no empty cdevice
   EXPECT_EQ(Attr("b", "desc"), "first");
+  EXPECT_EQ(Keys(QDcache_find_alias("b")->objptr->attributes), (V{"pathname", "extra", "desc", "cdevice"}));
   oce *c = QDcache_find_alias("c");
   EXPECT_EQ(Keys(c->objptr->attributes), (V{"zz", "pathname", "cdevice", "aa", "ObjTimestamp"}));
   EXPECT_EQ(Keys(c->objptr->methods), V{"upcmd"});
@@ -156,6 +158,8 @@ TEST_F(Load, DirectLoadKeepsTableOrderAndTheLoadersRules) {
   EXPECT_EQ(qdcache_info[11], 4u);
   EXPECT_EQ(QDcache_load(), 0);
   EXPECT_EQ(QDcache_dump_aliases(), 4) << "a second load adds nothing";
+  QDcache_free();
+  EXPECT_EQ(qdcache_info[16], 4u) << "the free counts each removal";
 }
 
 // A table big enough to take several of the cache's blocks of memory loads
@@ -312,6 +316,7 @@ TEST_F(Flush, EntriesAreWrittenInTheTableFormat) {
       {Put("x", List({{"pathname", ""}}), List({{"upcmd", "up"}})), "x:::: upcmd=\"up\"\n"},
       {Put("a:b", List({{"desc", "line1\nline2"}}), nullptr), "a\\:b::::desc=\"line1\\\nline2\"\n"},
       {Put("#c", List({}), nullptr), "\\#c::::\n"},
+      {Put("n", List({{"cdevice", nullptr}, {"k", "v"}}), nullptr), "n::::cdevice=\"\" k=\"v\"\n"},
       {Put(alias.c_str(), List({{"pathname", path.c_str()}}), nullptr), alias + ":::" + path + ":\n"},
   };
   for (const auto &c : cases) EXPECT_EQ(c.first, c.second);
