@@ -86,11 +86,10 @@ int QDcache_hook_UnitProp(const char *alias, const char *name, char *value) {
     QD_TRACE(8, kModule, "QDcache_UnitProp '%s', not found\n", alias);
     return -1;
   }
-  char *kw;
-  char *found;
-  if (ReferenceKeywordInList(e->objptr->attributes, name, &kw, &found) == 0) {
+  const char *found;
+  if ((found = qdcache::ValueInList(e->objptr->attributes, name)) != nullptr) {
     QD_TRACE(8, kModule, "QDcache_UnitProp '%s', '%s', Attributes value is '%s'", alias, name, found);
-  } else if (ReferenceKeywordInList(e->objptr->methods, name, &kw, &found) == 0) {
+  } else if ((found = qdcache::ValueInList(e->objptr->methods, name)) != nullptr) {
     QD_TRACE(8, kModule, "QDcache_UnitProp '%s', '%s', Methods value '%s'", alias, name, found);
   } else {
     QD_TRACE(8, kModule, "QDcache_UnitProp '%s', '%s' not found\n", alias, name);

@@ -161,6 +161,21 @@ inline void Prefetch(const oce *entry) {
   for (int line = 0; line < 8; ++line) __builtin_prefetch(p + 64 * line);
 }
 
+// What ReferenceKeywordInList delivers with status 0 for `name`: the value
+// of its first entry, or null when the list is not valid, holds no such
+// entry or that entry has no value. A lookup of a cached value walks the
+// list in place, without a call per entry.
+inline char *ValueInList(KeywordList *list, const char *name) {
+  if (list == nullptr || list->kwl_magic != pv::layout::kLiveMagic) return nullptr;
+  for (KeywordEntry *k = list->kwl_first; k != nullptr; k = k->next) {
+    const char *a = k->keyword, *b = name;
+    while (*a != '\0' && *a == *b) ++a, ++b;
+    if (*a != *b) continue;
+    return pv::layout::NoValue(k) ? nullptr : k->keyword + (a - k->keyword) + 1;
+  }
+  return nullptr;
+}
+
 // Frees what an entry owns that does not lie in the cache's memory.
 void ReleaseEntry(oce *entry);
 

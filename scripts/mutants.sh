@@ -195,6 +195,8 @@ fault flush-forward-order cache/QDcache_flush.cc 'for (oce *e = qdcache_ocp->pre
 fault flush-stale-written-by-writer cache/QDcache_flush.cc 'if ((e->status & OCE_ACTIVE) == 0) {
     QDtrace(8, kModule, "STALE object");' 'if (false) {
     QDtrace(8, kModule, "STALE object");'
+fault hook-value-without-value-read cache/cache_state.h 'return pv::layout::NoValue(k) ? nullptr : k->keyword + (a - k->keyword) + 1;' 'return k->keyword + (a - k->keyword) + 1;'
+fault hook-value-prefix-matches cache/cache_state.h 'if (*a != *b) continue;' 'if (*a != *b && *a == '"'"'\0'"'"') continue;'
 fault hook-put-rewrites-unchanged cache/QDcache_hooks.cc '} else if (!changed && strcmp(stored, value) != 0) {' '} else if (!changed) {'
 # The put command line
 fault put-alias-entry-written objects/QDput.cc 'if (strcmp(kw, "alias") == 0) continue;' ';'
