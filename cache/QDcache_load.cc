@@ -1,5 +1,7 @@
 // Loading the whole table into the cache: directly from the table file
 // through the table cursor, or through the alias listing and object query.
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <utility>
 #include <cstdint>
@@ -38,6 +40,7 @@ class DirectLoader {
     size_t length;  // the value's
   };
   bool Read(devtab::Entry *out);
+  void ForeseeMemory();
   static void Merge(devtab::Entry *into, const devtab::Entry &more);
   void Add(devtab::Entry *entry);
   void OfferPair(const char *key, size_t length, std::string *value);
@@ -52,6 +55,9 @@ class DirectLoader {
   }
 
   const char *path_ = "";
+  size_t size_ = 0;    // of the table file
+  size_t read_ = 0;    // bytes of it read so far
+  size_t added_ = 0;   // objects added
   devtab::TableReader reader_;
   std::unique_ptr<devtab::EntryStream> stream_;
   devtab::Entry entries_[2];
@@ -62,6 +68,9 @@ class DirectLoader {
 
 int DirectLoader::Run(int fd, const char *path) {
   path_ = path;
+  struct stat st {};
+  size_ = fstat(fd, &st) == 0 && st.st_size > 0 ? static_cast<size_t>(st.st_size) : 0;
+  read_ = 0;
   reader_.Borrow(fd);
   if (stream_ == nullptr)
     stream_ = std::make_unique<devtab::EntryStream>(&reader_);
@@ -77,6 +86,7 @@ int DirectLoader::Run(int fd, const char *path) {
     }
     Add(current);
     std::swap(current, next);
+    if (++added_ % 64 == 0) ForeseeMemory();
   }
   reader_.Borrow(-1);
   return 0;
@@ -87,6 +97,7 @@ int DirectLoader::Run(int fd, const char *path) {
 bool DirectLoader::Read(devtab::Entry *out) {
   devtab::RawEntry raw;
   while (stream_->Next(&raw)) {
+    read_ = raw.offset + raw.text.size();
     devtab::Defect d = devtab::ParseEntry(raw.text, out);
     if (d == devtab::Defect::kNone) return true;
     QDtrace(3, "ReferenceNextAttribute", "%s:%zu: %s; entry skipped", path_, raw.line, devtab::DefectText(d));
@@ -94,6 +105,15 @@ bool DirectLoader::Read(devtab::Entry *out) {
   if (stream_->error() != 0)
     QDtrace(3, "ReferenceNextAttribute", "%s: read failed: %s", path_, strerror(stream_->error()));
   return false;
+}
+
+// Tells the cache's memory how much more the rest of the table will take,
+// at the rate the part read so far took.
+void DirectLoader::ForeseeMemory() {
+  if (read_ == 0 || read_ >= size_) return;
+  qdcache::Arena &memory = qdcache::Memory();
+  double rate = static_cast<double>(memory.used()) / static_cast<double>(read_);
+  memory.Expect(static_cast<size_t>(rate * static_cast<double>(size_ - read_)));
 }
 
 // A later entry of the same alias: its triples follow the first one's.

@@ -15,20 +15,53 @@ namespace {
 
 constexpr size_t kMinBlock = 4u << 20;
 constexpr size_t kHuge = 2u << 20;
-// Faulted in a huge page at a time, as the allocations reach it.
-constexpr size_t kPopulateStep = kHuge;
+// The stretch of small pages faulted in at a time.
+constexpr size_t kSmallStep = 64u << 10;
 
 size_t RoundUp(size_t n, size_t to) { return (n + to - 1) / to * to; }
 
-void *Map(size_t bytes) {
-  void *p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+// `bytes` (a multiple of kHuge) at a huge page boundary, so that each
+// stretch of kHuge can take a huge page.
+char *MapAligned(size_t bytes) {
+  void *p = mmap(nullptr, bytes + kHuge, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   if (p == MAP_FAILED) {
     QDtrace(3, "QDcache", "QDcache: cannot map %lu bytes for cached objects", static_cast<unsigned long>(bytes));
     exit(1);
   }
-#ifdef MADV_HUGEPAGE
-  if (bytes >= kHuge) madvise(p, bytes, MADV_HUGEPAGE);
+  auto *raw = static_cast<char *>(p);
+  char *base = raw + (RoundUp(reinterpret_cast<uintptr_t>(raw), kHuge) - reinterpret_cast<uintptr_t>(raw));
+  if (base > raw) munmap(raw, static_cast<size_t>(base - raw));
+  size_t tail = static_cast<size_t>(raw + bytes + kHuge - (base + bytes));
+  if (tail > 0) munmap(base + bytes, tail);
+  return base;
+}
+
+void Advise(void *p, size_t bytes, bool huge) {
+#if defined(MADV_HUGEPAGE) && defined(MADV_NOHUGEPAGE)
+  madvise(p, bytes, huge ? MADV_HUGEPAGE : MADV_NOHUGEPAGE);
+#else
+  (void)p, (void)bytes, (void)huge;
 #endif
+}
+
+void FaultIn(void *p, size_t bytes) {
+#ifdef MADV_POPULATE_WRITE
+  // Where the kernel cannot, the pages are simply faulted in as they are used.
+  madvise(p, bytes, MADV_POPULATE_WRITE);
+#else
+  (void)p, (void)bytes;
+#endif
+}
+
+void *Map(size_t bytes) {
+  if (bytes < kHuge) {
+    void *p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (p != MAP_FAILED) return p;
+    QDtrace(3, "QDcache", "QDcache: cannot map %lu bytes for cached objects", static_cast<unsigned long>(bytes));
+    exit(1);
+  }
+  char *p = MapAligned(RoundUp(bytes, kHuge));
+  Advise(p, RoundUp(bytes, kHuge), true);
   return p;
 }
 
@@ -36,14 +69,12 @@ void *Map(size_t bytes) {
 
 void *MapZeroed(size_t bytes) {
   void *p = Map(bytes);
-#ifdef MADV_POPULATE_WRITE
-  madvise(p, bytes, MADV_POPULATE_WRITE);
-#endif
+  FaultIn(p, bytes);
   return p;
 }
 
 void Unmap(void *p, size_t bytes) {
-  if (p != nullptr) munmap(p, bytes);
+  if (p != nullptr) munmap(p, bytes < kHuge ? bytes : RoundUp(bytes, kHuge));
 }
 
 void Rezero(void *p, size_t bytes) {
@@ -78,21 +109,35 @@ void Arena::NewBlock(size_t at_least) {
   // Each block as big as all before it: few blocks, little left unused.
   size_t want = std::max({at_least, kMinBlock, mapped_});
   want = RoundUp(want, kHuge);
-  void *p = Map(want);
+  char *p = MapAligned(want);
   blocks_.push_back({static_cast<char *>(p), want});
   mapped_ += want;
   Enter(blocks_.size() - 1);
 }
 
+void Arena::Expect(size_t more) { expected_ = used_ + more; }
+
+// A huge page for each stretch the allocations will fill, small pages for
+// the last one: the cache then holds little more than it uses.
+bool Arena::WillFill(const char *stretch_end) const {
+  if (expected_ == kUnknown) return true;
+  size_t need = static_cast<size_t>(stretch_end - next_);
+  return expected_ > used_ && expected_ - used_ >= need;
+}
+
 void Arena::Populate(size_t upto) {
   const Block &b = blocks_[current_];
-  size_t from = static_cast<size_t>(populated_ - b.base);
-  size_t to = std::min(b.size, RoundUp(upto, kPopulateStep));
-#ifdef MADV_POPULATE_WRITE
-  // Where the kernel cannot, the pages are simply faulted in as they are used.
-  madvise(populated_, to - from, MADV_POPULATE_WRITE);
-#endif
-  populated_ = b.base + to;
+  while (populated_ < b.base + upto) {
+    size_t at = static_cast<size_t>(populated_ - b.base);
+    size_t stretch = std::min(kHuge, b.size - at);  // blocks are whole huge pages
+    if (at % kHuge == 0) {
+      small_ = !WillFill(populated_ + stretch);
+      Advise(populated_, stretch, !small_);
+    }
+    size_t step = small_ ? std::min(kSmallStep, stretch) : kHuge - at % kHuge;
+    FaultIn(populated_, step);
+    populated_ += step;
+  }
 }
 
 bool Arena::Owns(const void *p) const {
@@ -114,6 +159,7 @@ void Arena::Reset() {
   next_ = end_ = populated_ = nullptr;
   current_ = 0;
   used_ = 0;
+  expected_ = kUnknown;
 }
 
 void Arena::Release() {
@@ -122,6 +168,7 @@ void Arena::Release() {
   next_ = end_ = populated_ = nullptr;
   current_ = 0;
   mapped_ = used_ = 0;
+  expected_ = kUnknown;
 }
 
 }  // namespace qdcache

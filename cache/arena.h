@@ -4,6 +4,9 @@
 // small records; from blocks they cost no allocation each, and the blocks
 // are faulted in ahead of use (huge pages where the kernel gives them), so
 // that a first load in a fresh process is not a long run of page faults.
+// A caller that can foresee how much more it will ask for (the loader, from
+// the part of the table it has read) gets small pages for the last stretch,
+// which a huge page would mostly leave unused.
 // A freed cache keeps its blocks for the next load, as an allocator keeps
 // its heap, but lets the kernel take their pages back when it needs them.
 #ifndef QD_CACHE_ARENA_H
@@ -31,6 +34,9 @@ class Arena {
   void Reset();
   // Gives every block back to the kernel.
   void Release();
+  // The caller's estimate of how many more bytes it will ask for before
+  // the next Reset; until it gives one, every stretch is taken whole.
+  void Expect(size_t more);
   size_t mapped() const { return mapped_; }
   size_t used() const { return used_; }
 
@@ -42,6 +48,8 @@ class Arena {
   void NewBlock(size_t at_least);
   void Enter(size_t block);
   void Populate(size_t upto);
+  bool WillFill(const char *stretch_end) const;
+  static constexpr size_t kUnknown = ~static_cast<size_t>(0);
   std::vector<Block> blocks_;
   size_t current_ = 0;         // the block carved from
   char *next_ = nullptr;       // first free byte of the newest block
@@ -49,6 +57,8 @@ class Arena {
   char *populated_ = nullptr;  // faulted in up to here
   size_t mapped_ = 0;
   size_t used_ = 0;
+  size_t expected_ = kUnknown;  // used_ the caller expects to reach
+  bool small_ = false;          // the stretch being faulted in takes small pages
 };
 
 // Zeroed memory straight from the kernel, faulted in at once (in huge pages
