@@ -81,7 +81,7 @@ const char *ValueOf(const KeywordEntry *k) { return k->keyword + strlen(k->keywo
 Positionals FindPositionals(const KeywordList *attributes) {
   Positionals p;
   if (!Live(attributes)) return p;
-  for (const KeywordEntry *k = attributes->kwl_first; k != nullptr; k = k->next) {
+  for (const KeywordEntry *k = attributes->kwl_first; k != nullptr; k = pv::layout::Next(k)) {
     int i = Positionals::Which(k->keyword);
     if (i >= 0 && p.status[i] == KWL_NOTFOUND) {
       p.status[i] = pv::layout::NoValue(k) ? KWL_WARN : KWL_OK;
@@ -223,7 +223,7 @@ bool AppendEntry(TextBuffer *out, const ObjectRecord *object, const char *stamp)
   AppendHead(out, object->alias, p);
   bool blank = false;
   if (attributes != nullptr) {
-    for (const KeywordEntry *k = attributes->kwl_first; k != nullptr; k = k->next) {
+    for (const KeywordEntry *k = attributes->kwl_first; k != nullptr; k = pv::layout::Next(k)) {
       int i = Positionals::Which(k->keyword);
       if (i >= 0 && p.Taken(i)) continue;  // written in the head, removed from the list
       if (stamp != nullptr && k->keyword[0] == 'O' && strcmp(k->keyword, "ObjTimestamp") == 0) continue;
@@ -237,7 +237,7 @@ bool AppendEntry(TextBuffer *out, const ObjectRecord *object, const char *stamp)
   }
   if (methods != nullptr) {
     blank = attributes != nullptr;
-    for (const KeywordEntry *k = methods->kwl_first; k != nullptr; k = k->next) {
+    for (const KeywordEntry *k = methods->kwl_first; k != nullptr; k = pv::layout::Next(k)) {
       AppendEntryPair(out, k, blank);
       blank = true;
     }

@@ -131,7 +131,7 @@ void ForEachCachedPair(Visit &&visit) {
       if (!going) {
         calls += list->kwl_count;
       } else {
-        for (KeywordEntry *k = list->kwl_first; k != nullptr; k = k->next) {
+        for (KeywordEntry *k = list->kwl_first; k != nullptr; k = pv::layout::Next(k)) {
           ++calls;
           if (going && !visit(static_cast<const char *>(e->objptr->alias), CachedPair{k->keyword})) going = false;
         }
@@ -167,7 +167,7 @@ inline void Prefetch(const oce *entry) {
 // list in place, without a call per entry.
 inline char *ValueInList(KeywordList *list, const char *name) {
   if (list == nullptr || list->kwl_magic != pv::layout::kLiveMagic) return nullptr;
-  for (KeywordEntry *k = list->kwl_first; k != nullptr; k = k->next) {
+  for (KeywordEntry *k = list->kwl_first; k != nullptr; k = pv::layout::Next(k)) {
     const char *a = k->keyword, *b = name;
     while (*a != '\0' && *a == *b) ++a, ++b;
     if (*a != *b) continue;

@@ -79,24 +79,24 @@ int CopyEntries(KeywordList *list, const KeywordList *src, unsigned int n) {
   if (n == 0) return KWL_OK;
   size_t total = 0;
   KeywordEntry *e = src->kwl_first;
-  for (unsigned int i = 0; i < n; ++i, e = e->next) total += PackedSize(e);
+  for (unsigned int i = 0; i < n; ++i, e = Next(e)) total += PackedSize(e);
   if (!Reserve(list, total, total)) return KWL_NOMEM;
   KeywordEntry *head = nullptr;
   KeywordEntry *tail = nullptr;
   e = src->kwl_first;
-  for (unsigned int i = 0; i < n; ++i, e = e->next) {
+  for (unsigned int i = 0; i < n; ++i, e = Next(e)) {
     size_t klen = strlen(e->keyword) + 1;
     const char *value = e->keyword + klen;
     KeywordEntry *c = Carve(list, e->keyword, klen, value, strlen(value) + 1, NoValue(e));
     if (tail != nullptr)
-      tail->next = c;
+      SetNext(tail, c);
     else
       head = c;
     tail = c;
   }
   bool fresh_cursor = list->kwl_cursor == nullptr && list->kwl_count == 0;
   if (list->kwl_last != nullptr)
-    list->kwl_last->next = head;
+    SetNext(list->kwl_last, head);
   else
     list->kwl_first = head;
   list->kwl_last = tail;
@@ -130,7 +130,7 @@ size_t Carved(const KeywordList *list) {
 // Bytes of the live entries that lie in blocks the list owns.
 size_t LiveOwned(KeywordList *list) {
   size_t n = 0;
-  for (KeywordEntry *e = list->kwl_first; e != nullptr; e = e->next) {
+  for (KeywordEntry *e = list->kwl_first; e != nullptr; e = Next(e)) {
     auto *p = reinterpret_cast<char *>(e);
     for (KeywordBlock *b = list->kwl_blocks; b != nullptr; b = b->next) {
       if (p >= Data(b) && p < Data(b) + b->used) {
@@ -158,7 +158,7 @@ void MaybePack(KeywordList *list) {
   KeywordList packed{};
   if (CopyEntries(&packed, list, list->kwl_count) != KWL_OK) return;  // stays as it is
   KeywordEntry *cursor = nullptr;
-  for (KeywordEntry *o = list->kwl_first, *c = packed.kwl_first; o != nullptr; o = o->next, c = c->next)
+  for (KeywordEntry *o = list->kwl_first, *c = packed.kwl_first; o != nullptr; o = Next(o), c = Next(c))
     if (o == list->kwl_cursor) cursor = c;
   DropStorage(list);
   packed.kwl_blocks->next = list->kwl_blocks;
@@ -174,7 +174,7 @@ bool Live(const KeywordList *list) { return list != nullptr && list->kwl_magic =
 KeywordEntry *FindEntry(KeywordList *list, const char *keyword, KeywordEntry **prev_out = nullptr) {
   KeywordEntry *prev = nullptr;
   // The first characters differ for most entries: they are compared first.
-  for (KeywordEntry *e = list->kwl_first; e != nullptr; prev = e, e = e->next) {
+  for (KeywordEntry *e = list->kwl_first; e != nullptr; prev = e, e = Next(e)) {
     if (e->keyword[0] == keyword[0] && strcmp(e->keyword, keyword) == 0) {
       if (prev_out != nullptr) *prev_out = prev;
       return e;
@@ -191,7 +191,7 @@ int SetValue(KeywordList *list, KeywordEntry *e, KeywordEntry *prev, const char 
   size_t vlen = strlen(value) + 1;
   if (vlen <= ValueRoom(e)) {
     memmove(ValueOf(e), value, vlen);
-    e->span = Span(e) | (no_value ? kNoValue : 0);
+    SetNoValue(e, no_value);
     return KWL_OK;
   }
   size_t klen = strlen(e->keyword) + 1;
@@ -200,9 +200,9 @@ int SetValue(KeywordList *list, KeywordEntry *e, KeywordEntry *prev, const char 
   // The value may lie in this very list: carving copies it before the old
   // entry is let go.
   KeywordEntry *c = Carve(list, e->keyword, klen, value, vlen, no_value);
-  c->next = e->next;
+  SetNext(c, Next(e));
   if (prev != nullptr)
-    prev->next = c;
+    SetNext(prev, c);
   else
     list->kwl_first = c;
   if (list->kwl_last == e) list->kwl_last = c;
@@ -217,14 +217,14 @@ int RemoveIf(KeywordList *list, Pred drop) {
   int removed = 0;
   KeywordEntry *prev = nullptr;
   for (KeywordEntry *e = list->kwl_first; e != nullptr;) {
-    KeywordEntry *next = e->next;
+    KeywordEntry *next = Next(e);
     if (!drop(e)) {
       prev = e;
       e = next;
       continue;
     }
     if (prev != nullptr)
-      prev->next = next;
+      SetNext(prev, next);
     else
       list->kwl_first = next;
     if (list->kwl_last == e) list->kwl_last = prev;
@@ -307,7 +307,7 @@ int RemoveDuplicateKeywordFmList(KeywordList *list) {
   // Lists here are an object's attributes: short, so quadratic is cheapest.
   // The walk from the first entry meets only the entries kept so far.
   int removed = RemoveIf(list, [list](const KeywordEntry *e) {
-    for (const KeywordEntry *k = list->kwl_first; k != e; k = k->next)
+    for (const KeywordEntry *k = list->kwl_first; k != e; k = Next(k))
       if (strcmp(k->keyword, e->keyword) == 0) return true;
     return false;
   });
@@ -328,7 +328,7 @@ int ReferenceNextKeywordInList(KeywordList *list, char **keyword_out, char **val
   // Every failure ends the iteration: callers loop until KWL_END.
   if (!Live(list) || list->kwl_cursor == nullptr) return KWL_END;
   KeywordEntry *e = list->kwl_cursor;
-  list->kwl_cursor = e->next;
+  list->kwl_cursor = Next(e);
   if (keyword_out != nullptr) *keyword_out = e->keyword;
   if (value_out != nullptr) *value_out = ValueOf(e);
   return Deliver(e);
@@ -355,7 +355,7 @@ KeywordList *DuplicateKeywordList(KeywordList *list) {
   if (!Live(list)) return nullptr;
   // The header and every entry in one allocation.
   size_t total = 0;
-  for (KeywordEntry *e = list->kwl_first; e != nullptr; e = e->next) total += PackedSize(e);
+  for (KeywordEntry *e = list->kwl_first; e != nullptr; e = Next(e)) total += PackedSize(e);
   if (total > kMaxBlock) return nullptr;
   void *memory = malloc(ListSize(total, kOneBlock));
   if (memory == nullptr) return nullptr;

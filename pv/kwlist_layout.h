@@ -14,9 +14,10 @@
 
 // Entries lie back to back at 4-byte boundaries: a table's worth of short
 // pairs loses less to padding, and x86 reads a pointer from any address.
+// An entry's size follows from its strings, so the link to the next entry
+// is all its head holds (a table's worth of pairs is millions of heads).
 struct __attribute__((packed, aligned(4))) KeywordEntry {
-  KeywordEntry *next;
-  uint32_t span;     // bytes the entry takes; the top bit marks an entry without a value
+  uintptr_t link;    // the next entry; the low bit marks this entry as one without a value
   char keyword[1];   // the keyword, then its value
 };
 
@@ -40,19 +41,29 @@ enum Storage : int {
                    // list does not own; entries added later go to blocks it owns
 };
 
-constexpr uint32_t kNoValue = 0x80000000u;
+constexpr uintptr_t kNoValue = 1;  // entries are 4-aligned: the low bits of a link are free
 
 constexpr size_t Align(size_t n) { return (n + 7) & ~static_cast<size_t>(7); }
 constexpr size_t kBlockHead = Align(sizeof(KeywordBlock));
 constexpr size_t kListHead = Align(sizeof(KeywordList));
 constexpr size_t kEntryHead = offsetof(KeywordEntry, keyword);
 
-inline uint32_t Span(const KeywordEntry *e) { return e->span & ~kNoValue; }
-inline bool NoValue(const KeywordEntry *e) { return (e->span & kNoValue) != 0; }
+inline KeywordEntry *Next(const KeywordEntry *e) { return reinterpret_cast<KeywordEntry *>(e->link & ~kNoValue); }
+inline void SetNext(KeywordEntry *e, const KeywordEntry *next) {
+  e->link = reinterpret_cast<uintptr_t>(next) | (e->link & kNoValue);
+}
+inline bool NoValue(const KeywordEntry *e) { return (e->link & kNoValue) != 0; }
+inline void SetNoValue(KeywordEntry *e, bool no_value) { e->link = (e->link & ~kNoValue) | (no_value ? kNoValue : 0); }
 
 // Bytes of an entry whose keyword and value take klen and vlen bytes, their
 // terminators included.
 constexpr size_t EntrySize(size_t klen, size_t vlen) { return (kEntryHead + klen + vlen + 3) & ~static_cast<size_t>(3); }
+// Bytes an entry takes for the strings it holds now (a value shortened in
+// place leaves its old room behind, unused).
+inline size_t Span(const KeywordEntry *e) {
+  size_t klen = strlen(e->keyword) + 1;
+  return EntrySize(klen, strlen(e->keyword + klen) + 1);
+}
 // Bytes of a list laid out at once with `room` bytes of entries.
 constexpr size_t ListSize(size_t room, Storage storage) {
   return kListHead + (storage == kOneBlock ? kBlockHead : 0) + room;
@@ -92,8 +103,7 @@ inline KeywordList *Lay(void *memory, size_t room, Storage storage) {
 inline KeywordEntry *Fill(char *at, const char *keyword, size_t klen, const char *value, size_t vlen,
                           bool no_value) {
   auto *e = reinterpret_cast<KeywordEntry *>(at);
-  e->next = nullptr;
-  e->span = static_cast<uint32_t>(EntrySize(klen, vlen)) | (no_value ? kNoValue : 0);
+  e->link = no_value ? kNoValue : 0;
   memcpy(e->keyword, keyword, klen);
   memcpy(e->keyword + klen, value, vlen);
   return e;
@@ -112,7 +122,7 @@ inline KeywordEntry *Carve(KeywordList *list, const char *keyword, size_t klen, 
 // starts its iteration at its first entry.
 inline void Append(KeywordList *list, KeywordEntry *e) {
   if (list->kwl_last != nullptr)
-    list->kwl_last->next = e;
+    SetNext(list->kwl_last, e);
   else
     list->kwl_first = e;
   if (list->kwl_cursor == nullptr && list->kwl_count == 0) list->kwl_cursor = e;

@@ -101,6 +101,7 @@ fault command-word-unquoted front/command.cc 'if (plain) {
     text_.append(word);'
 # Keyword lists and their cursor
 fault kwlist-cursor-skips-first pv/kwlist_layout.h 'if (list->kwl_cursor == nullptr && list->kwl_count == 0) list->kwl_cursor = e;' 'if (list->kwl_cursor == nullptr && list->kwl_count == 1) list->kwl_cursor = e;'
+fault kwlist-link-drops-no-value pv/kwlist_layout.h 'e->link = reinterpret_cast<uintptr_t>(next) | (e->link & kNoValue);' 'e->link = reinterpret_cast<uintptr_t>(next);'
 fault kwlist-remove-keeps-last pv/kwlist.cc 'if (list->kwl_last == e) list->kwl_last = prev;' ';'
 fault kwlist-duplicates-not-reported pv/kwlist.cc 'return removed > 0 ? KWL_DUPLICATE : KWL_OK;' 'return KWL_OK;'
 fault kwlist-no-value-not-warned pv/kwlist.cc 'int Deliver(const KeywordEntry *e) { return NoValue(e) ? KWL_WARN : KWL_OK; }' 'int Deliver(const KeywordEntry *e) { return KWL_OK; }'
