@@ -1,15 +1,15 @@
-// Loading the whole table into the cache: directly from the table file
-// through the table cursor, or through the alias listing and object query.
+// Loading the whole table into the cache: directly from the table file, or
+// through the alias listing and object query.
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <utility>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "cache_state.h"
