@@ -178,7 +178,7 @@ fault arena-reuse-restarts-first-block cache/arena.cc 'size_t i = next_ == nullp
 fault free-removals-uncounted cache/QDcache_flush.cc 'qdcache_info[qdcache::kRmobj] += removed;' ';'
 fault index-duplicate-alias-relinked cache/QDcache_store.cc 'if (!fresh) return slot->first;' ';'
 fault store-values-not-cleaned cache/QDcache_store.cc 'if (static_cast<signed char>(*p) < 32 || *p == 127) *p = '"'"' '"'"';' ';'
-fault store-clean-skips-high-bytes cache/QDcache_store.cc 'if (((w & k80) | ((w - 0x20 * k01) & ~w & k80) | ((del - k01) & ~del & k80)) == 0) continue;' 'if (((((w - 0x20 * k01) & ~w & k80) | ((del - k01) & ~del & k80)) == 0) continue;'
+fault store-clean-skips-high-bytes cache/QDcache_store.cc 'if (((w & k80) | ((w - 0x20 * k01) & ~w & k80) | ((del - k01) & ~del & k80)) == 0) continue;' 'if ((((w - 0x20 * k01) & ~w & k80) | ((del - k01) & ~del & k80)) == 0) continue;'
 fault flush-stamp-written-twice cache/QDcache_format.cc 'if (stamp != nullptr && k->keyword[0] == '"'"'O'"'"' && strcmp(k->keyword, "ObjTimestamp") == 0) continue;' ';'
 fault flush-stamp-not-written cache/QDcache_format.cc 'AppendPair(out, "ObjTimestamp", stamp, blank);' ';'
 # Load and flush order
