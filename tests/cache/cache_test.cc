@@ -282,6 +282,9 @@ TEST_F(Hooks, QueriesAnswerFromTheCacheWithoutCommands) {
   setenv("PATH", "/nonexistent", 1);  // no device command can run now
   EXPECT_EQ(pvtest::Value(QDgetattr("disk0", "desc")), "SCSI disk 0: 9.1 GB");
   EXPECT_EQ(NumberOfKeywords(pvtest::List(QDgetmethods("net1")).get()), 3);
+  // A pair put into a cached list without a value has no value to read.
+  AddKeywordToList(QDcache_find_alias("disk0")->objptr->attributes, "spare", nullptr);
+  EXPECT_EQ(QDgetattr("disk0", "spare"), nullptr);
 }
 
 using testing_support::ReadFile;
