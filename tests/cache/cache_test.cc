@@ -75,9 +75,10 @@ TEST_F(Store, StatusStampsAndCleanedValuesFromThePairs) {
   oce *fresh = Add("fresh", {{"ObjTimestamp", "0097,02,14,09,05,03,5,072,00"}}, OCE_ACTIVE | OCE_UPDATED);
   EXPECT_EQ(fresh->status, OCE_ACTIVE | OCE_UPDATED);
   EXPECT_EQ(fresh->accesstime.tm_year + fresh->modifytime.tm_year, 240);
-  KeywordList *list = List({{"desc", "tab\there\nand\x7f\xe9"}, {"upcmd", "ifconfig up"}, {"statfunc", "s"}});
+  KeywordList *list = List({{"desc", "tab\there\nand\x7f\xe9"}, {"note", "caf\xe9 au lait"},
+                            {"upcmd", "ifconfig up"}, {"statfunc", "s"}});
   oce *e = QDcache_addalias("net0", list, 1);
-  EXPECT_EQ(pvtest::All(e->objptr->attributes), (pvtest::Pairs{{"desc", "tab here and  "}}));
+  EXPECT_EQ(pvtest::All(e->objptr->attributes), (pvtest::Pairs{{"desc", "tab here and  "}, {"note", "caf  au lait"}}));
   EXPECT_EQ(pvtest::All(list)[0].second, "tab here and  ") << "cleaned in the caller's list too";
   EXPECT_EQ(NumberOfKeywords(e->objptr->methods), 2);
   DestroyKeywordList(list);
