@@ -73,14 +73,12 @@ struct Positionals {
   }
 };
 
-bool Live(const KeywordList *list) { return list != nullptr && list->kwl_magic == pv::layout::kLiveMagic; }
-
 const char *ValueOf(const KeywordEntry *k) { return k->keyword + strlen(k->keyword) + 1; }
 
 // One walk over the list's entries, as the list operations lay them out.
 Positionals FindPositionals(const KeywordList *attributes) {
   Positionals p;
-  if (!Live(attributes)) return p;
+  if (!pv::layout::Live(attributes)) return p;
   for (const KeywordEntry *k = attributes->kwl_first; k != nullptr; k = pv::layout::Next(k)) {
     int i = Positionals::Which(k->keyword);
     if (i >= 0 && p.status[i] == KWL_NOTFOUND) {
@@ -104,20 +102,13 @@ void AppendHead(TextBuffer *out, const char *alias, const Positionals &p) {
   }
 }
 
+// A pair; a null value is the one stored right after the keyword, as in a
+// list entry, found where the keyword's scan ended.
 void AppendPair(TextBuffer *out, const char *kw, const char *value, bool blank) {
   if (blank) out->Put(' ');
-  AppendEscaped(out, kw, -1);
+  const char *end = AppendEscaped(out, kw, -1);
   out->Put("=\"", 2);
-  AppendEscaped(out, value, '"');
-  out->Put('"');
-}
-
-// A pair of a list entry, its value found where the keyword's scan ended.
-void AppendEntryPair(TextBuffer *out, const KeywordEntry *k, bool blank) {
-  if (blank) out->Put(' ');
-  const char *end = AppendEscaped(out, k->keyword, -1);
-  out->Put("=\"", 2);
-  AppendEscaped(out, end + 1, '"');
+  AppendEscaped(out, value != nullptr ? value : end + 1, '"');
   out->Put('"');
 }
 
@@ -218,6 +209,7 @@ namespace qdcache {
 
 bool AppendEntry(TextBuffer *out, const ObjectRecord *object, const char *stamp) {
   const KeywordList *attributes = object->attributes, *methods = object->methods;
+  using pv::layout::Live;
   if ((attributes != nullptr && !Live(attributes)) || (methods != nullptr && !Live(methods))) return false;
   Positionals p = FindPositionals(attributes);
   AppendHead(out, object->alias, p);
@@ -227,7 +219,7 @@ bool AppendEntry(TextBuffer *out, const ObjectRecord *object, const char *stamp)
       int i = Positionals::Which(k->keyword);
       if (i >= 0 && p.Taken(i)) continue;  // written in the head, removed from the list
       if (stamp != nullptr && k->keyword[0] == 'O' && strcmp(k->keyword, "ObjTimestamp") == 0) continue;
-      AppendEntryPair(out, k, blank);
+      AppendPair(out, k->keyword, nullptr, blank);
       blank = true;
     }
     if (stamp != nullptr) {
@@ -238,7 +230,7 @@ bool AppendEntry(TextBuffer *out, const ObjectRecord *object, const char *stamp)
   if (methods != nullptr) {
     blank = attributes != nullptr;
     for (const KeywordEntry *k = methods->kwl_first; k != nullptr; k = pv::layout::Next(k)) {
-      AppendEntryPair(out, k, blank);
+      AppendPair(out, k->keyword, nullptr, blank);
       blank = true;
     }
   }

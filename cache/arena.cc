@@ -20,15 +20,20 @@ constexpr size_t kSmallStep = 64u << 10;
 
 size_t RoundUp(size_t n, size_t to) { return (n + to - 1) / to * to; }
 
-// `bytes` (a multiple of kHuge) at a huge page boundary, so that each
-// stretch of kHuge can take a huge page.
-char *MapAligned(size_t bytes) {
-  void *p = mmap(nullptr, bytes + kHuge, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+// Fresh pages from the kernel; the process ends (status 1) when none can be had.
+char *MapPages(size_t bytes) {
+  void *p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   if (p == MAP_FAILED) {
     QDtrace(3, "QDcache", "QDcache: cannot map %lu bytes for cached objects", static_cast<unsigned long>(bytes));
     exit(1);
   }
-  auto *raw = static_cast<char *>(p);
+  return static_cast<char *>(p);
+}
+
+// `bytes` (a multiple of kHuge) at a huge page boundary, so that each
+// stretch of kHuge can take a huge page.
+char *MapAligned(size_t bytes) {
+  char *raw = MapPages(bytes + kHuge);
   char *base = raw + (RoundUp(reinterpret_cast<uintptr_t>(raw), kHuge) - reinterpret_cast<uintptr_t>(raw));
   if (base > raw) munmap(raw, static_cast<size_t>(base - raw));
   size_t tail = static_cast<size_t>(raw + bytes + kHuge - (base + bytes));
@@ -54,12 +59,7 @@ void FaultIn(void *p, size_t bytes) {
 }
 
 void *Map(size_t bytes) {
-  if (bytes < kHuge) {
-    void *p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (p != MAP_FAILED) return p;
-    QDtrace(3, "QDcache", "QDcache: cannot map %lu bytes for cached objects", static_cast<unsigned long>(bytes));
-    exit(1);
-  }
+  if (bytes < kHuge) return MapPages(bytes);
   char *p = MapAligned(RoundUp(bytes, kHuge));
   Advise(p, RoundUp(bytes, kHuge), true);
   return p;

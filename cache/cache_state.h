@@ -127,7 +127,7 @@ void ForEachCachedPair(Visit &&visit) {
   bool going = true;
   for (oce *e = qdcache_ocp->next; e != qdcache_ocp && e->objptr != nullptr; e = e->next) {
     for (KeywordList *list : {e->objptr->attributes, e->objptr->methods}) {
-      if (list == nullptr || list->kwl_magic != pv::layout::kLiveMagic) continue;
+      if (!pv::layout::Live(list)) continue;
       if (!going) {
         calls += list->kwl_count;
       } else {
@@ -166,7 +166,7 @@ inline void Prefetch(const oce *entry) {
 // entry or that entry has no value. A lookup of a cached value walks the
 // list in place, without a call per entry.
 inline char *ValueInList(KeywordList *list, const char *name) {
-  if (list == nullptr || list->kwl_magic != pv::layout::kLiveMagic) return nullptr;
+  if (!pv::layout::Live(list)) return nullptr;
   for (KeywordEntry *k = list->kwl_first; k != nullptr; k = pv::layout::Next(k)) {
     const char *a = k->keyword, *b = name;
     while (*a != '\0' && *a == *b) ++a, ++b;

@@ -168,8 +168,6 @@ void MaybePack(KeywordList *list) {
   list->kwl_cursor = cursor;
 }
 
-bool Live(const KeywordList *list) { return list != nullptr && list->kwl_magic == kLiveMagic; }
-
 // The entry of the keyword, and the one before it (null for the first).
 KeywordEntry *FindEntry(KeywordList *list, const char *keyword, KeywordEntry **prev_out = nullptr) {
   KeywordEntry *prev = nullptr;

@@ -48,6 +48,9 @@ constexpr size_t kBlockHead = Align(sizeof(KeywordBlock));
 constexpr size_t kListHead = Align(sizeof(KeywordList));
 constexpr size_t kEntryHead = offsetof(KeywordEntry, keyword);
 
+// A list the list operations made and have not destroyed.
+inline bool Live(const KeywordList *list) { return list != nullptr && list->kwl_magic == kLiveMagic; }
+
 inline KeywordEntry *Next(const KeywordEntry *e) { return reinterpret_cast<KeywordEntry *>(e->link & ~kNoValue); }
 inline void SetNext(KeywordEntry *e, const KeywordEntry *next) {
   e->link = reinterpret_cast<uintptr_t>(next) | (e->link & kNoValue);

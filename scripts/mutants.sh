@@ -117,7 +117,7 @@ fault commalist-prefix-matches pv/commalist.cc 'return ForEachItem(text, [want](
 fault format-colon-unescaped pv/devtab_format.cc 'AppendEscaped(out, value, ":\\\"\n");' 'AppendEscaped(out, value, "\\\"\n");'
 fault format-escaped-newline-ends-entry pv/devtab_format.cc 'return (run & 1) != 0;' 'return false;'
 fault format-comment-guard-lost pv/devtab_format.cc 'if (!alias.empty() && (alias[0] == '"'"'#'"'"' || IsBlank(alias[0]) || alias[0] == '"'"'\r'"'"'))' 'if (false)'
-fault writer-quote-kept cache/QDcache_format.cc 'AppendEscaped(out, value, '"'"'"'"'"');' 'AppendEscaped(out, value, -1);'
+fault writer-quote-kept cache/QDcache_format.cc 'AppendEscaped(out, value != nullptr ? value : end + 1, '"'"'"'"'"');' 'AppendEscaped(out, value != nullptr ? value : end + 1, -1);'
 fault writer-positional-kept-as-pair cache/QDcache_format.cc 'if (p.Taken(i)) RemoveKeywordFmList(attributes, kPositional[i]);' ';'
 fault flush-positional-written-twice cache/QDcache_format.cc 'if (i >= 0 && p.Taken(i)) continue;' ';'
 fault flush-methods-blank-lost cache/QDcache_format.cc 'blank = attributes != nullptr;' 'blank = false;'
