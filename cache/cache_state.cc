@@ -70,16 +70,23 @@ uint32_t AliasIndex::Hash(const char *s) {
     w = static_cast<unsigned char>(s[0]) | static_cast<uint64_t>(static_cast<unsigned char>(s[n / 2])) << 8 |
         static_cast<uint64_t>(static_cast<unsigned char>(s[n - 1])) << 16;
   }
-  h = (h ^ w) * kMul;
-  // A product carries each byte's bits upwards only: mixed down again, so
-  // that the low bits, which pick the slot, depend on every byte.
-  h ^= h >> 33;
-  h *= 0xff51afd7ed558ccdULL;
-  h ^= h >> 33;
-  h *= 0xc4ceb9fe1a85ec53ULL;
-  h ^= h >> 33;
-  return static_cast<uint32_t>(h);
+  // A product carries each byte's bits upwards only: the halves of a wide
+  // one are folded, so that the low bits, which pick the slot, depend on
+  // every byte. One product, not a chain of them: a lookup waits for it.
+  __extension__ typedef unsigned __int128 Wide;
+  Wide p = static_cast<Wide>(h ^ w) * 0xc4ceb9fe1a85ec53ULL;
+  return static_cast<uint32_t>(static_cast<uint64_t>(p) ^ static_cast<uint64_t>(p >> 64));
 }
+
+namespace {
+
+// An alias is a few bytes: compared in place, for less than a library call.
+bool SameString(const char *a, const char *b) {
+  while (*a != '\0' && *a == *b) ++a, ++b;
+  return *a == *b;
+}
+
+}  // namespace
 
 const char *AliasIndex::Key(const IndexSlot &s) { return s.first->objptr->alias; }
 
@@ -93,13 +100,20 @@ size_t AliasIndex::Probe(const char *alias, uint32_t hash) const {
     // that are loaded one after the other: the whole piece is asked for at
     // once.
     qdcache::Prefetch(s.first);
-    if (strcmp(Key(s), alias) == 0) return i;
+    if (SameString(Key(s), alias)) return i;
   }
+}
+
+void AliasIndex::Anticipate(const char *alias) {
+  if (used_ == 0) return;
+  anticipated_hash_ = Hash(alias);
+  anticipated_ = alias;
+  if (const oce *first = slots_[anticipated_hash_ & (capacity_ - 1)].first) qdcache::Prefetch(first);
 }
 
 IndexSlot *AliasIndex::Find(const char *alias) const {
   if (used_ == 0) return nullptr;
-  const IndexSlot &s = slots_[Probe(alias, Hash(alias))];
+  const IndexSlot &s = slots_[Probe(alias, alias == anticipated_ ? anticipated_hash_ : Hash(alias))];
   return s.first != nullptr ? const_cast<IndexSlot *>(&s) : nullptr;
 }
 

@@ -68,6 +68,11 @@ class AliasIndex {
   void Prefetch(const char *alias) const {
     if (capacity_ != 0) __builtin_prefetch(&slots_[Hash(alias) & (capacity_ - 1)]);
   }
+  // A query is about to look the alias up: its slot and the entry there are
+  // asked for now, so that those misses overlap with the query's own work,
+  // and the hash is kept for a lookup of that very string until Forget.
+  void Anticipate(const char *alias);
+  void Forget() { anticipated_ = nullptr; }
   // The slot of the alias; when absent it is added with `first` and
   // nothing chained.
   IndexSlot *Insert(const char *alias, oce *first, bool *fresh);
@@ -86,8 +91,20 @@ class AliasIndex {
   IndexSlot *slots_ = nullptr;
   size_t capacity_ = 0;
   size_t used_ = 0;
+  const char *anticipated_ = nullptr;
+  uint32_t anticipated_hash_ = 0;
 };
 AliasIndex &Index();
+
+// For the span of a one-name query with the cache on (see Anticipate). The
+// query never changes the alias it was given, so its hash stays right.
+class Anticipation {
+ public:
+  explicit Anticipation(const char *alias) { Index().Anticipate(alias); }
+  ~Anticipation() { Index().Forget(); }
+  Anticipation(const Anticipation &) = delete;
+  Anticipation &operator=(const Anticipation &) = delete;
+};
 
 // Chain length of each bucket, kept as entries are linked and unlinked.
 std::vector<unsigned> &ChainLengths();

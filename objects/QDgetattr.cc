@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "cache_state.h"
 #include "command.h"
 #include "front.h"
 #include "qd.h"
@@ -90,7 +91,10 @@ extern "C" NameValue *QDLgetattr(const char *alias, const char *name) {
 }
 
 extern "C" NameValue *QDgetattr(const char *alias, const char *name) {
-  if (qd::CacheShortCut(alias)) return PVQueryattr(alias, name);
+  if (qd::CacheShortCut(alias)) {
+    qdcache::Anticipation lookup(alias);
+    return PVQueryattr(alias, name);
+  }
   if (auto fw = qd::FrameworkFunction<NameValue *(*)(const char *, const char *)>("FWgetattr"))
     return fw(alias, name);
   return PVQueryattr(alias, name);

@@ -1,6 +1,7 @@
 // One method of an entry.
 #include <cstring>
 
+#include "cache_state.h"
 #include "front.h"
 #include "qd.h"
 
@@ -11,7 +12,10 @@ extern "C" NameValue *QDLgetmethod(const char *alias, const char *name) {
 }
 
 extern "C" NameValue *QDgetmethod(const char *alias, const char *name) {
-  if (qd::CacheShortCut(alias)) return PVQuerymeth(alias, name);
+  if (qd::CacheShortCut(alias)) {
+    qdcache::Anticipation lookup(alias);
+    return PVQuerymeth(alias, name);
+  }
   if (auto fw = qd::FrameworkFunction<NameValue *(*)(const char *, const char *)>("FWgetmethod"))
     return fw(alias, name);
   return PVQuerymeth(alias, name);

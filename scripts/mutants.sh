@@ -167,6 +167,7 @@ fault stamp-compare-ignores-seconds time/QDtime.cc 'for (int i = 0; i < 6; ++i) 
 fault stamp-env-zero-read-as-now time/QDtime.cc 'if (strcmp(env, "0") == 0) {' 'if (false) {'
 fault stamp-reader-misreads-digits time/QDtime.cc 'n = n * 10 + (*p - '"'"'0'"'"');' 'n = n * 10 + (*p - '"'"'1'"'"');'
 # The cache: hash, index and memory
+fault index-anticipation-kept cache/cache_state.h 'void Forget() { anticipated_ = nullptr; }' 'void Forget() {}'
 fault hash-unsigned-bytes cache/cache_state.cc 'sum += static_cast<unsigned int>(static_cast<signed char>(*p));' 'sum += static_cast<unsigned char>(*p);'
 fault hash-max-chain-off-by-one cache/QDcache_store.cc 'if (walked + 1 > qdcache_info[qdcache::kMaxHashChain]) qdcache_info[qdcache::kMaxHashChain] = walked + 1;' 'if (walked > qdcache_info[qdcache::kMaxHashChain]) qdcache_info[qdcache::kMaxHashChain] = walked;'
 fault index-second-entry-wins cache/QDcache_store.cc 'if (hashed != e) {

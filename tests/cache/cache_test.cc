@@ -286,6 +286,13 @@ TEST_F(Hooks, QueriesAnswerFromTheCacheWithoutCommands) {
   // A pair put into a cached list without a value has no value to read.
   AddKeywordToList(QDcache_find_alias("disk0")->objptr->attributes, "spare", nullptr);
   EXPECT_EQ(QDgetattr("disk0", "spare"), nullptr);
+  // A caller's buffer, refilled after a query, names the new alias.
+  char alias[] = "disk0";
+  EXPECT_EQ(pvtest::Value(QDgetattr(alias, "desc")), "SCSI disk 0: 9.1 GB");
+  memcpy(alias, "net1", 5);
+  oce *found = QDcache_find_alias(alias);
+  ASSERT_NE(found, nullptr);
+  EXPECT_STREQ(found->objptr->alias, "net1");
 }
 
 using testing_support::ReadFile;
