@@ -25,7 +25,7 @@ constexpr size_t kAliasText = 513;
 // otherwise for V itself or V holding it as one of its comma-separated items.
 bool Holds(int status, const char *criterion, const char *value) {
   if (status == KWL_WARN || *criterion == '\0') return *value == '\0';
-  return strcmp(criterion, value) == 0 || IsInCommaList(criterion, value) == 1;
+  return qd::SameString(criterion, value) || IsInCommaList(criterion, value) == 1;
 }
 
 // Judges every entry of `list` for the attribute `name`; NOT lists invert.
@@ -54,11 +54,22 @@ void Judge(KeywordList *list, const char *name, const char *value, bool negated,
 class NameSet {
  public:
   NameSet() : heads_(1 << 16) {}
-  void Add(const char *name) {
+  // The name's number in the set, given at its first Add.
+  int Add(const char *name) {
+    int id = Find(name);
+    if (id >= 0) return id;
     names_.emplace_back(name);
     heads_[Head(name)] = true;
+    return static_cast<int>(names_.size()) - 1;
   }
   bool MayHold(const char *name) const { return heads_[Head(name)]; }
+  // The name's number, or -1 when the set does not hold it.
+  int Find(const char *name) const {
+    if (!MayHold(name)) return -1;
+    for (size_t i = 0; i < names_.size(); ++i)
+      if (qd::SameString(names_[i].c_str(), name)) return static_cast<int>(i);
+    return -1;
+  }
   const std::vector<std::string> &names() const { return names_; }
 
  private:
@@ -76,6 +87,7 @@ class NameSet {
 struct Criterion {
   std::string name, wanted;
   int status;  // KWL_OK, or KWL_WARN for an entry without a value
+  int id;      // its name's number among the criteria's names
 };
 
 // The criteria lists as the walk judges them. MeetSearchCriteria walks the
@@ -91,28 +103,33 @@ class CompiledCriteria {
     judged_.assign(must_not_.size(), false);
   }
   int total() const { return static_cast<int>(must_.size() + must_not_.size()); }
+  const NameSet &names() const { return names_; }
   bool has_not() const { return has_not_; }
   void StartAlias() { std::fill(judged_.begin(), judged_.end(), false), left_ = must_not_.size(); }
   size_t not_left() const { return left_; }
 
+  // A pair's name as the criteria know it: their name's number, or -1 for a
+  // name no criterion has. A walk asks once for each pair, and then compares
+  // numbers, not names.
+  int NameId(const char *name) const { return names_.Find(name); }
+
   // `value` gives the pair's value: it is looked at only for a name that
   // some criterion has.
   template <typename Value>
-  int Meet(const char *name, const Value &value, short type, bool trace) {
+  int Meet(const char *name, int id, const Value &value, short type, bool trace) {
     int matched = 0, mismatched = 0;
-    bool named = names_.MayHold(name);
-    if (has_klist_) Tally(must_, nullptr, name, value, false, named, trace, &matched, &mismatched);
+    if (has_klist_) Tally(must_, nullptr, name, id, value, false, trace, &matched, &mismatched);
     if (type == QD_MATCH_ALL && mismatched > 0) return -1;
     if (type == QD_MATCH_ANY && matched > 0) return 1;
-    if (has_not_) Tally(must_not_, &judged_, name, value, true, named, trace, &matched, &mismatched);
+    if (has_not_) Tally(must_not_, &judged_, name, id, value, true, trace, &matched, &mismatched);
     if (type == QD_MATCH_ALL) return mismatched > 0 ? -1 : matched;
     return matched > 0 ? 1 : 0;
   }
   // Each NOT criterion is judged at the alias's first attribute of its name.
-  void Judged(const char *name) {
-    if (!names_.MayHold(name)) return;
+  void Judged(int id) {
+    if (id < 0) return;
     for (size_t i = 0; i < must_not_.size(); ++i)
-      if (!judged_[i] && strcmp(must_not_[i].name.c_str(), name) == 0) judged_[i] = true, --left_;
+      if (!judged_[i] && must_not_[i].id == id) judged_[i] = true, --left_;
   }
 
  private:
@@ -121,17 +138,15 @@ class CompiledCriteria {
     list->kwl_cursor = list->kwl_first;
     char *kw;
     char *wanted;
-    for (int st; (st = ReferenceNextKeywordInList(list, &kw, &wanted)) == KWL_OK || st == KWL_WARN;) {
-      out->push_back({kw, wanted, st});
-      names_.Add(kw);
-    }
+    for (int st; (st = ReferenceNextKeywordInList(list, &kw, &wanted)) == KWL_OK || st == KWL_WARN;)
+      out->push_back({kw, wanted, st, names_.Add(kw)});
   }
   template <typename Value>
-  static void Tally(const std::vector<Criterion> &list, const std::vector<bool> *judged, const char *name,
-                    const Value &value, bool negated, bool named, bool trace, int *matched, int *mismatched) {
-    for (size_t i = 0; named && i < list.size(); ++i) {
+  static void Tally(const std::vector<Criterion> &list, const std::vector<bool> *judged, const char *name, int id,
+                    const Value &value, bool negated, bool trace, int *matched, int *mismatched) {
+    for (size_t i = 0; id >= 0 && i < list.size(); ++i) {
       const Criterion &c = list[i];
-      if ((judged != nullptr && (*judged)[i]) || strcmp(c.name.c_str(), name) != 0) continue;
+      if ((judged != nullptr && (*judged)[i]) || c.id != id) continue;
       if (trace)
         QDtrace(8, "MeetSearchCriteria",
                 negated ? "Attribute=%s,Value=%s,NOTkeyword=%s,value=%s" : "Attribute=%s,Value=%s,keyword=%s,value=%s",
@@ -161,6 +176,8 @@ class Filter {
     for (size_t i = 0; items != nullptr && items[i] != nullptr; ++i) names_.Add(items[i]);
     DestroyCommaList(items);
   }
+  bool everything() const { return everything_; }
+  const NameSet &names() const { return names_; }
   // As IsInCommaList(name, text) would answer.
   bool Keeps(const char *name) const {
     if (everything_) return true;
@@ -200,7 +217,12 @@ class Search {
       : type_(criteria->search_type),
         criteria_(criteria->group->Klist, criteria->group->Not_Klist),
         filter_(filter),
-        trace_(Tracing(8)) {}
+        trace_(Tracing(8)),
+        trace_status_(Tracing(7)),
+        watch_all_(filter_.everything()) {
+    for (const NameSet *set : {&criteria_.names(), &filter_.names()})
+      for (const std::string &name : set->names()) watched_.Add(name.c_str());
+  }
 
   // The walk; false when it could not be done at all (the result is void).
   bool Run();
@@ -220,7 +242,12 @@ class Search {
   short type_;
   CompiledCriteria criteria_;
   Filter filter_;
-  bool trace_;  // level 8 is traced
+  bool trace_;         // level 8 is traced
+  bool trace_status_;  // level 7 is traced: each pair asks its alias's status
+  // The names some criterion or the filter has: a pair of any other name
+  // changes nothing but the chance that its alias is complete.
+  NameSet watched_;
+  bool watch_all_;
   int total_ = 0;
   ObjectList *head_ = nullptr;
   std::string alias_;
@@ -265,7 +292,7 @@ void Search::CloseAlias() {
 // is the same at each of its attributes: it is asked at each only while its
 // traces are being written.
 bool Search::Stale(const char *alias) {
-  if (!status_known_ || Tracing(7)) {
+  if (!status_known_ || trace_status_) {
     // What QDaliasstatus asks, without a copy of the alias made and freed
     // for each entry of the table.
     ObjectRecord bare{const_cast<char *>(alias), nullptr, nullptr, nullptr};
@@ -297,13 +324,14 @@ bool Search::Add(bool by_remainder) {
 
 // Keeps a pair the filter names: false when it could not be kept.
 bool Search::Take(const char *name, const char *value) {
-  bool method = IsMethod(name, static_cast<int>(strlen(name))) != 0;
+  size_t name_size = strlen(name) + 1;
+  bool method = IsMethod(name, static_cast<int>(name_size - 1)) != 0;
   if (trace_) QDtrace(8, kModule, method ? "Saving method = %s" : "Saving attribute = %s", name);
   if (!candidate_) return SaveItem(name, value, method, &head_->Object->methods, &head_->Object->attributes);
   size_t at = pending_text_.size();
-  pending_text_.append(name).push_back('\0');
-  pending_text_.append(value).push_back('\0');
-  pending_.push_back({at, at + strlen(name) + 1, method});
+  pending_text_.append(name, name_size);  // with its terminator
+  pending_text_.append(value, strlen(value) + 1);
+  pending_.push_back({at, at + name_size, method});
   return true;
 }
 
@@ -316,7 +344,7 @@ bool Search::Visit(const char *alias, const char *name, const Value &value) {
   // positional fields, cdevice first.
   bool same = seen_ && (qdcache_on != 0 ? alias == alias_seen_ : !(name[0] == 'c' && name[1] == 'd' && strcmp(name, "cdevice") == 0));
   if (!same) {
-    if (!seen_ || strcmp(alias_.c_str(), alias) != 0) StartAlias(alias);
+    if (!seen_ || !qd::SameString(alias_.c_str(), alias)) StartAlias(alias);
     alias_seen_ = alias;
   }
   if (trace_) QDtrace(8, kModule, "Checking alias=%s,Attribute=%s,Value=%s", alias, name, value());
@@ -333,17 +361,20 @@ bool Search::Visit(const char *alias, const char *name, const Value &value) {
       DestroyObjectList(gone);
     }
   }
-  if (candidate_) {
-    int r = criteria_.Meet(name, value, type_, trace_);
+  // The filter skips a name's leading blanks: such a name is always looked at.
+  bool plain = !trace_ && !watch_all_ && name[0] != ' ' && name[0] != '\t' && !watched_.MayHold(name);
+  if (candidate_ && !plain) {
+    int id = criteria_.NameId(name);
+    int r = criteria_.Meet(name, id, value, type_, trace_);
     if (r < 0) {
       DropPending();
       candidate_ = false;
     }
     if (trace_) QDtrace(8, kModule, "MeetSearchCriteria returns %d", r);
     matched_ += r;
-    if (criteria_.has_not()) criteria_.Judged(name);
+    if (criteria_.has_not()) criteria_.Judged(id);
   }
-  bool kept = !(candidate_ || added_) || !filter_.Keeps(name) || Take(name, value());
+  bool kept = !(candidate_ || added_) || plain || !filter_.Keeps(name) || Take(name, value());
   if (kept && trace_) QDtrace(8, kModule, "CriteriaMatchedByAlias=%d,TotalCriteriaItems=%d", matched_, total_);
   return kept && !(candidate_ && matched_ == total_ && !Add(false));
 }

@@ -1,5 +1,7 @@
 #include "cache_state.h"
 
+#include "front.h"
+
 #include <cstring>
 
 extern "C" {
@@ -78,16 +80,6 @@ uint32_t AliasIndex::Hash(const char *s) {
   return static_cast<uint32_t>(static_cast<uint64_t>(p) ^ static_cast<uint64_t>(p >> 64));
 }
 
-namespace {
-
-// An alias is a few bytes: compared in place, for less than a library call.
-bool SameString(const char *a, const char *b) {
-  while (*a != '\0' && *a == *b) ++a, ++b;
-  return *a == *b;
-}
-
-}  // namespace
-
 const char *AliasIndex::Key(const IndexSlot &s) { return s.first->objptr->alias; }
 
 size_t AliasIndex::Probe(const char *alias, uint32_t hash) const {
@@ -100,7 +92,7 @@ size_t AliasIndex::Probe(const char *alias, uint32_t hash) const {
     // that are loaded one after the other: the whole piece is asked for at
     // once.
     qdcache::Prefetch(s.first);
-    if (SameString(Key(s), alias)) return i;
+    if (qd::SameString(Key(s), alias)) return i;
   }
 }
 

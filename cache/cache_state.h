@@ -143,6 +143,7 @@ void ForEachCachedPair(Visit &&visit) {
   unsigned long calls = 1;  // the call that finds the end
   bool going = true;
   for (oce *e = qdcache_ocp->next; e != qdcache_ocp && e->objptr != nullptr; e = e->next) {
+    const char *alias = e->objptr->alias;
     for (KeywordList *list : {e->objptr->attributes, e->objptr->methods}) {
       if (!pv::layout::Live(list)) continue;
       if (!going) {
@@ -150,7 +151,7 @@ void ForEachCachedPair(Visit &&visit) {
       } else {
         for (KeywordEntry *k = list->kwl_first; k != nullptr; k = pv::layout::Next(k)) {
           ++calls;
-          if (going && !visit(static_cast<const char *>(e->objptr->alias), CachedPair{k->keyword})) going = false;
+          if (going && !visit(alias, CachedPair{k->keyword})) going = false;
         }
       }
       list->kwl_cursor = nullptr;

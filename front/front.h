@@ -30,6 +30,13 @@ inline bool Tracing(int level) { return level == vcel_explicit_level || level <=
 
 namespace qd {
 
+// strcmp(a, b) == 0 for the short strings of hot loops (aliases, names,
+// values): compared in place, for less than a library call costs.
+inline bool SameString(const char *a, const char *b) {
+  while (*a != '\0' && *a == *b) ++a, ++b;
+  return *a == *b;
+}
+
 // True when the front may hand an alias straight to libPV: the cache is on
 // and the alias is served here.
 inline bool CacheShortCut(const char *alias) { return qdcache_on != 0 && IsLocalAlias(alias); }

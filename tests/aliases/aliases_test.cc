@@ -195,6 +195,9 @@ TEST_P(Search, TheFilterAndStaleObjects) {
   EXPECT_EQ(Found(QD_MATCH_ALL, &disk, &yes, "upcmd", true), (V{"e|-|upcmd=up,", "c|-|-", "a|-|-"}));
   EXPECT_EQ(Found(QD_MATCH_ALL, &disk, &yes, "group,nosuch", true), (V{"e|group=x,|-", "c|-|-", "a|group=a,b,c,|-"}));
   if (!GetParam()) return;
+  // The filter reads a name past its blanks, as IsInCommaList does.
+  AddKeywordToList(QDcache_find_alias("c")->objptr->attributes, " group", "y");
+  EXPECT_EQ(Found(QD_MATCH_ALL, &disk, &yes, "group", true), (V{"e|group=x,|-", "c| group=y,|-", "a|group=a,b,c,|-"}));
   // With the cache on and time stamps in use, objects the run has not
   // touched are stale, and left out unless qd_stale is set.
   QDcache_free();
