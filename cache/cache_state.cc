@@ -72,12 +72,15 @@ uint32_t AliasIndex::Hash(const char *s) {
     w = static_cast<unsigned char>(s[0]) | static_cast<uint64_t>(static_cast<unsigned char>(s[n / 2])) << 8 |
         static_cast<uint64_t>(static_cast<unsigned char>(s[n - 1])) << 16;
   }
-  // A product carries each byte's bits upwards only: the halves of a wide
-  // one are folded, so that the low bits, which pick the slot, depend on
-  // every byte. One product, not a chain of them: a lookup waits for it.
-  __extension__ typedef unsigned __int128 Wide;
-  Wide p = static_cast<Wide>(h ^ w) * 0xc4ceb9fe1a85ec53ULL;
-  return static_cast<uint32_t>(static_cast<uint64_t>(p) ^ static_cast<uint64_t>(p >> 64));
+  h = (h ^ w) * kMul;
+  // A product carries each byte's bits upwards only: mixed down again, so
+  // that the low bits, which pick the slot, depend on every byte.
+  h ^= h >> 33;
+  h *= 0xff51afd7ed558ccdULL;
+  h ^= h >> 33;
+  h *= 0xc4ceb9fe1a85ec53ULL;
+  h ^= h >> 33;
+  return static_cast<uint32_t>(h);
 }
 
 const char *AliasIndex::Key(const IndexSlot &s) { return s.first->objptr->alias; }
