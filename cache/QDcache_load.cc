@@ -30,7 +30,7 @@ namespace {
 // make one object, as the cursor's triples would.
 class DirectLoader {
  public:
-  int Run(int fd, const char *path);
+  void Run(int fd, const char *path);
 
  private:
   struct Offer {
@@ -66,7 +66,7 @@ class DirectLoader {
   std::vector<size_t> lengths_;
 };
 
-int DirectLoader::Run(int fd, const char *path) {
+void DirectLoader::Run(int fd, const char *path) {
   path_ = path;
   struct stat st {};
   size_ = fstat(fd, &st) == 0 && st.st_size > 0 ? static_cast<size_t>(st.st_size) : 0;
@@ -89,7 +89,6 @@ int DirectLoader::Run(int fd, const char *path) {
     if (++added_ % 64 == 0) ForeseeMemory();
   }
   reader_.Borrow(-1);
-  return 0;
 }
 
 // The next well-formed entry; malformed ones are reported and skipped, as

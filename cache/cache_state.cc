@@ -1,8 +1,8 @@
 #include "cache_state.h"
 
-#include "front.h"
-
 #include <cstring>
+
+#include "front.h"
 
 extern "C" {
 int qdcache_on = 0;          // 1 while the cache is loaded and in use
