@@ -43,10 +43,7 @@ AttributeWalk &Walk() {
   return walk;
 }
 
-AliasIndex &Index() {
-  static AliasIndex index;
-  return index;
-}
+AliasIndex the_index;
 
 // Eight bytes a step: a lookup hashes its alias every time, and byte steps
 // were a fair share of a cached QDgetattr.
@@ -85,7 +82,7 @@ uint32_t AliasIndex::Hash(const char *s) {
 
 const char *AliasIndex::Key(const IndexSlot &s) { return s.first->objptr->alias; }
 
-size_t AliasIndex::Probe(const char *alias, uint32_t hash) const {
+size_t AliasIndex::Probe(const char *alias, uint32_t hash, bool fetch) const {
   size_t mask = capacity_ - 1;
   for (size_t i = hash & mask;; i = (i + 1) & mask) {
     const IndexSlot &s = slots_[i];
@@ -94,8 +91,8 @@ size_t AliasIndex::Probe(const char *alias, uint32_t hash) const {
     // The entry's alias, and soon its lists, lie behind a chain of pointers
     // that are loaded one after the other: the whole piece is asked for at
     // once.
-    qdcache::Prefetch(s.first);
-    if (qd::SameString(Key(s), alias)) return i;
+    if (fetch) qdcache::Prefetch(s.first);
+    if (strcmp(Key(s), alias) == 0) return i;
   }
 }
 
@@ -108,7 +105,8 @@ void AliasIndex::Anticipate(const char *alias) {
 
 IndexSlot *AliasIndex::Find(const char *alias) const {
   if (used_ == 0) return nullptr;
-  const IndexSlot &s = slots_[Probe(alias, alias == anticipated_ ? anticipated_hash_ : Hash(alias))];
+  bool anticipated = alias == anticipated_;
+  const IndexSlot &s = slots_[Probe(alias, anticipated ? anticipated_hash_ : Hash(alias), !anticipated)];
   return s.first != nullptr ? const_cast<IndexSlot *>(&s) : nullptr;
 }
 

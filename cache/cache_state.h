@@ -57,7 +57,7 @@ struct IndexSlot {
 
 class AliasIndex {
  public:
-  AliasIndex() = default;
+  constexpr AliasIndex() = default;
   ~AliasIndex() { Unmap(slots_, capacity_ * sizeof(IndexSlot)); }
   AliasIndex(const AliasIndex &) = delete;
   AliasIndex &operator=(const AliasIndex &) = delete;
@@ -84,7 +84,9 @@ class AliasIndex {
  private:
   static uint32_t Hash(const char *s);
   static const char *Key(const IndexSlot &s);
-  size_t Probe(const char *alias, uint32_t hash) const;  // its slot, or the empty one where it would go
+  // Its slot, or the empty one where it would go. With `fetch` a hash match
+  // asks for its entry's memory; Anticipate has asked for the home slot's.
+  size_t Probe(const char *alias, uint32_t hash, bool fetch = true) const;
   void Grow();
   // Mapped apart from the heap: a lookup lands anywhere in it, and in huge
   // pages it costs no page walk per lookup.
@@ -94,7 +96,9 @@ class AliasIndex {
   const char *anticipated_ = nullptr;
   uint32_t anticipated_hash_ = 0;
 };
-AliasIndex &Index();
+// Constant-initialized, so that a lookup reaches it without a guard.
+extern AliasIndex the_index;
+inline AliasIndex &Index() { return the_index; }
 
 // For the span of a one-name query with the cache on (see Anticipate). The
 // query never changes the alias it was given, so its hash stays right.
@@ -186,6 +190,8 @@ inline void Prefetch(const oce *entry) {
 inline char *ValueInList(KeywordList *list, const char *name) {
   if (!pv::layout::Live(list)) return nullptr;
   for (KeywordEntry *k = list->kwl_first; k != nullptr; k = pv::layout::Next(k)) {
+    // Most keywords of a list differ from the name in their first byte.
+    if (k->keyword[0] != name[0]) continue;
     const char *a = k->keyword, *b = name;
     while (*a != '\0' && *a == *b) ++a, ++b;
     if (*a != *b) continue;
