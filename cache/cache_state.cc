@@ -2,8 +2,6 @@
 
 #include <cstring>
 
-#include "front.h"
-
 extern "C" {
 int qdcache_on = 0;          // 1 while the cache is loaded and in use
 int qdcache_free = 1;        // 1 while no cache contents are allocated

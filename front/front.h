@@ -30,8 +30,10 @@ inline bool Tracing(int level) { return level == vcel_explicit_level || level <=
 
 namespace qd {
 
-// strcmp(a, b) == 0 for the short strings of hot loops (aliases, names,
-// values): compared in place, for less than a library call costs.
+// strcmp(a, b) == 0 for the strings of hot loops that mostly differ within
+// their first bytes (names, criteria values): compared in place, for less
+// than a library call costs. Strings that mostly match whole (an alias
+// found by its hash) compare faster through strcmp.
 inline bool SameString(const char *a, const char *b) {
   while (*a != '\0' && *a == *b) ++a, ++b;
   return *a == *b;
