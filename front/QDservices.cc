@@ -12,6 +12,7 @@
 #include <string>
 #include <string_view>
 
+#include "front.h"
 #include "qd.h"
 
 namespace {
@@ -34,6 +35,13 @@ std::string ModuleName(const char *module) {
   return name;
 }
 
+// Apart from QDmalloc, which every query calls: its own body then needs no
+// frame for the message.
+__attribute__((noinline, cold)) void ReportNoMemory(const char *module, size_t size) {
+  std::string name = ModuleName(module);
+  QDerror(kModule, "%s: cannot malloc %d bytes\n", name.c_str(), static_cast<int>(size));
+}
+
 }  // namespace
 
 extern "C" {
@@ -49,10 +57,7 @@ void QDerror(const char *module, const char *format, ...) {
 
 void *QDmalloc(const char *module, size_t size) {
   void *p = malloc(size);
-  if (p == nullptr) {
-    std::string name = ModuleName(module);
-    QDerror(kModule, "%s: cannot malloc %d bytes\n", name.c_str(), static_cast<int>(size));
-  }
+  if (__builtin_expect(p == nullptr, 0)) ReportNoMemory(module, size);
   return p;
 }
 
@@ -132,14 +137,7 @@ int IsAlias(const char *name, int length) {
 }
 
 int IsMethod(const char *name, int length) {
-  if (name == nullptr || length <= 0) return 0;
-  // One pass over a short name, as every query of a value asks this first.
-  for (int i = 0; i < length && name[i] != '\0'; ++i) {
-    if (name[i] == 'c' && i + 2 < length && name[i + 1] == 'm' && name[i + 2] == 'd') return 1;
-    if (name[i] == 'f' && i + 3 < length && name[i + 1] == 'u' && name[i + 2] == 'n' && name[i + 3] == 'c')
-      return 1;
-  }
-  return 0;
+  return name != nullptr && length > 0 && qd::NamesMethod(name, static_cast<size_t>(length)) ? 1 : 0;
 }
 
 }  // extern "C"

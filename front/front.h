@@ -3,6 +3,9 @@
 #ifndef QD_FRONT_FRONT_H
 #define QD_FRONT_FRONT_H
 
+#include <cstddef>
+#include <cstdint>
+
 #include "qd.h"
 
 namespace qd {
@@ -19,6 +22,21 @@ Fn FrameworkFunction(const char *symbol) {
 // True when a trace line of this level would be produced: hot loops test
 // this before building a trace's arguments or making the call at all.
 inline bool Tracing(int level) { return level == vcel_explicit_level || level <= vcel_verbose_level; }
+
+// IsMethod's test: "cmd" or "func" whole within the first `length` bytes,
+// before the name's end. One pass over a short name, as every query of a
+// value asks this first; a window that reaches the end never matches, so a
+// caller that has not measured the name need not.
+inline bool NamesMethod(const char *name, size_t length = SIZE_MAX) {
+  for (size_t i = 0; i + 3 <= length && name[i] != '\0'; ++i) {
+    if (name[i] == 'c') {
+      if (name[i + 1] == 'm' && name[i + 2] == 'd') return true;
+    } else if (name[i] == 'f' && i + 4 <= length) {
+      if (name[i + 1] == 'u' && name[i + 2] == 'n' && name[i + 3] == 'c') return true;
+    }
+  }
+  return false;
+}
 
 }  // namespace qd
 

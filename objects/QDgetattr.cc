@@ -28,6 +28,28 @@ int KeepLastLine(void *context, char *line) {
   return OutputSingleName(out->value, line);
 }
 
+// The value by the device command, into the record; false, with the error
+// reported, when none was had. Apart from UnitProp, which the cache serves
+// without its command buffer.
+__attribute__((noinline)) bool ValueByCommand(const char *alias, const char *name, NameValue *record) {
+  char command[kCommandSize];
+  qd::CommandLine line(sizeof command);
+  line.Raw("unitprop ").Word(alias).Raw(" ").Word(name);
+  if (!line.CopyTo(command)) {
+    QDerror(kModule, "Cannot run unitprop for '%s' '%s': %s\n", alias, name, line.error());
+    return false;
+  }
+  if (QDlock(QDREAD) != 0) return false;
+  SingleValue out{record->value, false};
+  int rc = ExecuteCommand(command, KeepLastLine, &out);
+  QDunlock(QDREAD);
+  if (rc == 0 && out.overflow) {
+    QDerror(kModule, "Value of '%s' longer than %d characters\n", name, QD_VALUE_MAX);
+    rc = -1;
+  }
+  return rc == 0;
+}
+
 }  // namespace
 
 extern "C" int OutputSingleName(void *value, char *line) {
@@ -43,41 +65,18 @@ extern "C" NameValue *UnitProp(const char *alias, const char *name) {
     QDerror(kModule, "QDmalloc returned NULL");
     return nullptr;
   }
-  if (strlen(name) > QD_NAME_MAX) {
+  size_t name_length = strlen(name);
+  if (name_length > QD_NAME_MAX) {
     QDerror(kModule, "Name too long:[%s]\n", name);
     free(record);
     return nullptr;
   }
-  strcpy(record->name, name);
+  memcpy(record->name, name, name_length + 1);
   record->value[0] = '\0';
   // With the cache on no command runs, so none is built.
-  if (qdcache_on != 0) {
-    if (QDcache_hook_UnitProp(alias, name, record->value) != 0) {
-      free(record);
-      return nullptr;
-    }
-    return record;
-  }
-  char command[kCommandSize];
-  qd::CommandLine line(sizeof command);
-  line.Raw("unitprop ").Word(alias).Raw(" ").Word(name);
-  if (!line.CopyTo(command)) {
-    QDerror(kModule, "Cannot run unitprop for '%s' '%s': %s\n", alias, name, line.error());
-    free(record);
-    return nullptr;
-  }
-  if (QDlock(QDREAD) != 0) {
-    free(record);
-    return nullptr;
-  }
-  SingleValue out{record->value, false};
-  int rc = ExecuteCommand(command, KeepLastLine, &out);
-  QDunlock(QDREAD);
-  if (rc == 0 && out.overflow) {
-    QDerror(kModule, "Value of '%s' longer than %d characters\n", name, QD_VALUE_MAX);
-    rc = -1;
-  }
-  if (rc != 0) {
+  bool found = qdcache_on != 0 ? QDcache_hook_UnitProp(alias, name, record->value) == 0
+                               : ValueByCommand(alias, name, record);
+  if (!found) {
     free(record);
     return nullptr;
   }
@@ -86,7 +85,7 @@ extern "C" NameValue *UnitProp(const char *alias, const char *name) {
 
 extern "C" NameValue *QDLgetattr(const char *alias, const char *name) {
   if (alias == nullptr || name == nullptr) return nullptr;
-  if (IsMethod(name, static_cast<int>(strlen(name)))) return nullptr;
+  if (qd::NamesMethod(name)) return nullptr;
   return UnitProp(alias, name);
 }
 

@@ -7,7 +7,7 @@
 
 extern "C" NameValue *QDLgetmethod(const char *alias, const char *name) {
   if (alias == nullptr || name == nullptr) return nullptr;
-  if (!IsMethod(name, static_cast<int>(strlen(name)))) return nullptr;
+  if (!qd::NamesMethod(name)) return nullptr;
   return UnitProp(alias, name);
 }
 

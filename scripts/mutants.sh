@@ -93,7 +93,8 @@ summary() {
 # faults that its own tests must catch.
 faults() {
 # Front and services
-fault method-name-misses-func front/QDservices.cc 'if (name[i] == '"'"'f'"'"' && i + 3 < length' 'if (name[i] == '"'"'F'"'"' && i + 3 < length'
+fault method-name-misses-func front/front.h '} else if (name[i] == '"'"'f'"'"' && i + 4 <= length) {' '} else if (name[i] == '"'"'F'"'"' && i + 4 <= length) {'
+fault method-name-window-past-length front/front.h 'for (size_t i = 0; i + 3 <= length &&' 'for (size_t i = 0; i + 2 <= length &&'
 fault error-module-not-cut front/QDservices.cc 'if (dot != std::string::npos) name.resize(dot);' ';'
 fault command-exit-status-lost front/QDservices.cc 'int result = term_status != 0 ? -1 : exit_status;' 'int result = term_status != 0 ? -1 : 0;'
 fault command-word-unquoted front/command.cc 'if (plain) {
@@ -200,6 +201,9 @@ fault flush-stale-written-by-writer cache/QDcache_flush.cc 'if ((e->status & OCE
 fault hook-value-without-value-read cache/cache_state.h 'return pv::layout::NoValue(k) ? nullptr : k->keyword + (a - k->keyword) + 1;' 'return k->keyword + (a - k->keyword) + 1;'
 fault hook-value-prefix-matches cache/cache_state.h 'if (*a != *b) continue;' 'if (*a != *b && *a == '"'"'\0'"'"') continue;'
 fault hook-put-rewrites-unchanged cache/QDcache_hooks.cc '} else if (!changed && strcmp(stored, value) != 0) {' '} else if (!changed) {'
+# The one-name queries
+fault getattr-serves-methods objects/QDgetattr.cc 'if (qd::NamesMethod(name)) return nullptr;' ';'
+fault getmethod-serves-attributes objects/QDgmethod.cc 'if (!qd::NamesMethod(name)) return nullptr;' ';'
 # The put command line
 fault put-alias-entry-written objects/QDput.cc 'if (strcmp(kw, "alias") == 0) continue;' ';'
 fault put-value-unquoted objects/QDput.cc 'if (strchr("$`\\\"", *p) != nullptr) out->push_back('"'"'\\'"'"');' ';'

@@ -95,7 +95,8 @@ TEST(ListHelpers, FreeAndNameClasses) {
   QDFreeAliasList(pvtest::Chain({"a", "b"}));  // the sanitizer build checks that nothing leaks
   const std::tuple<const char *, int, int, int> cases[] = {
       {"alias_status", 12, 1, 0}, {"myalias2", 8, 1, 0}, {"formatcmd", 9, 0, 1}, {"statfunc", 8, 0, 1},
-      {"desc", 4, 0, 0},          {"formatcmd", 6, 0, 0}, {"aliascmd", 8, 1, 1}, {"", 0, 0, 0},
+      {"desc", 4, 0, 0},          {"formatcmd", 8, 0, 0}, {"statfunc", 7, 0, 0}, {"aliascmd", 8, 1, 1},
+      {"", 0, 0, 0},
   };
   for (const auto &c : cases) {
     EXPECT_EQ(IsAlias(std::get<0>(c), std::get<1>(c)), std::get<2>(c)) << std::get<0>(c);
